@@ -1,0 +1,257 @@
+"""Output snippets of the Vorlink code generator, one named template each.
+
+Placeholders are string.Template's $name. Per-row templates are joined by the
+generator; file templates take the joined text.
+"""
+from string import Template as T
+
+BANNER = "// Generated from ZelkoMsgRows.txt by vorlink_codegen.py. Do not edit.\n"
+
+# --- ZelkoMsgDefs.h: MsgId, the payload records, payloadSize --------------------
+
+DEFS_H = T(BANNER + """#pragma once
+
+#include "VorlinkExport.h"
+
+#include "Bytra/Types.h"
+
+#include <QByteArray>
+#include <QMap>
+#include <QString>
+
+namespace zelko {
+
+enum MsgId : quint16 {
+$enumerators
+};
+
+// The enumerator's name, or "0x" and four hex digits for an id of no message.
+VORLINK_EXPORT QString msgIdString(MsgId msgId);
+
+$records
+// Payload size in bytes of each message. Every translation unit that includes
+// this header holds its own copy; it is not exported.
+static const QMap<MsgId, long long> payloadSize = {
+$payload_sizes
+};
+
+} // namespace zelko
+""")
+
+ENUMERATOR = T("    $enumerator = $id,")
+
+RECORD = T("""struct VORLINK_EXPORT ${message}Payload
+{
+$members    bool fromQByteArray(const QByteArray &buffer);
+    void toQByteArray(QByteArray &out) const;
+    void dump() const;
+};
+""")
+
+RECORD_MEMBER = T("    Bytra::Types::$type $name;\n")
+
+PAYLOAD_SIZE = T("    {$enumerator, $bytes},")
+
+# --- ZelkoMsgLayouts.h: the field list of every record (library-internal) -------
+
+LAYOUTS_H = T(BANNER + """#pragma once
+
+#include "RecordCore.h"
+#include "ZelkoMsgDefs.h"
+
+namespace zelko {
+namespace detail {
+
+$layouts
+} // namespace detail
+} // namespace zelko
+""")
+
+LAYOUT = T("""template <>
+struct Layout<${message}Payload>
+{
+    static constexpr char name[] = "${message}Payload";
+    static constexpr auto fields = std::make_tuple($fields);
+};
+""")
+
+LAYOUT_FIELD = T("\n        field(&${message}Payload::$name, \"$name\")")
+
+# --- ZelkoMsgDefs.cpp: record members and msgIdString ---------------------------
+
+DEFS_CPP = T(BANNER + """#include "ZelkoMsgDefs.h"
+
+#include "ZelkoMsgLayouts.h"
+
+namespace zelko {
+
+QString msgIdString(MsgId msgId)
+{
+    switch (msgId) {
+$name_cases
+    }
+    return QStringLiteral("0x%1").arg(qulonglong(msgId), 4, 16, QLatin1Char('0'));
+}
+
+$members
+} // namespace zelko
+""")
+
+NAME_CASE = T("    case $enumerator: return QStringLiteral(\"$enumerator\");")
+
+RECORD_MEMBERS = T("""bool ${message}Payload::fromQByteArray(const QByteArray &buffer) { return detail::decodeRecord(*this, buffer); }
+void ${message}Payload::toQByteArray(QByteArray &out) const { detail::encodeRecord(*this, out); }
+void ${message}Payload::dump() const { detail::dumpRecord(*this); }
+""")
+
+# --- ZelkoMsgProtoUtils.h: the bridge, the conversion, msgIdToProtoName --------
+
+PROTO_UTILS_H = T(BANNER + """#pragma once
+
+#include "VorlinkExport.h"
+#include "ZelkoMsgDefs.h"
+
+#include "Bytra/Can.h"
+
+#include <QByteArray>
+#include <QDateTime>
+
+#include <string>
+
+namespace zelko {
+
+// Decodes a received message's payload into its record and writes the record
+// as its schema message, stamped with a Header, into `out` (emptied on failure).
+VORLINK_EXPORT bool canMessageToProtobufByteArray(const QDateTime &timestamp, const Bytra::Can::Message &message,
+                                                  QByteArray &out);
+
+// "zelko.messages.<Message>", or an empty string for an id of no message.
+VORLINK_EXPORT const std::string &msgIdToProtoName(unsigned short msgId);
+
+$overloads
+} // namespace zelko
+""")
+
+OVERLOAD_DECLS = T("""VORLINK_EXPORT bool serializeProto(const ${message}Payload &record, const QDateTime &timestamp, short sequence, unsigned short msgId, QByteArray &out);
+VORLINK_EXPORT bool deserializeProto(const QByteArray &buffer, ${message}Payload &record);
+""")
+
+# --- ZelkoMsgProtoUtils.cpp -----------------------------------------------------
+
+PROTO_UTILS_CPP = T(BANNER + """#include "ZelkoMsgProtoUtils.h"
+
+#include "ZelkoMsgDefs.pb.h"
+
+#include "ProtoBridge.h"
+#include "ZelkoMsgLayouts.h"
+
+namespace zelko {
+namespace detail {
+
+$schemas
+} // namespace detail
+
+$overloads
+bool canMessageToProtobufByteArray(const QDateTime &timestamp, const Bytra::Can::Message &message, QByteArray &out)
+{
+    switch (message.msgId) {
+$dispatch_cases
+    }
+    return detail::rejectUnknownId(message, out);
+}
+
+const std::string &msgIdToProtoName(unsigned short msgId)
+{
+    static const detail::ProtoNameTable table({
+$proto_names
+    });
+    return table.find(msgId);
+}
+
+} // namespace zelko
+""")
+
+SCHEMA = T("""template <>
+struct Schema<${message}Payload>
+{
+    using Message = messages::$message;
+    static constexpr const char *unionName = $union_name;
+    static constexpr auto fields = std::make_tuple($fields);
+};
+""")
+
+SCHEMA_FIELD = T("\n        bridge(&${message}Payload::$name, &Message::$accessor, &Message::set_$accessor)")
+
+OVERLOAD_DEFS = T("""bool serializeProto(const ${message}Payload &record, const QDateTime &timestamp, short sequence, unsigned short msgId, QByteArray &out)
+{
+    return detail::serializeRecord(record, timestamp, sequence, msgId, out);
+}
+bool deserializeProto(const QByteArray &buffer, ${message}Payload &record) { return detail::deserializeRecord(buffer, record); }
+""")
+
+DISPATCH_CASE = T("    case $enumerator: return detail::convertMessage<${message}Payload>(timestamp, message, out);")
+
+PROTO_NAME = T("        {$id, \"zelko.messages.$message\"},")
+
+# --- ZelkoMsgRowList.h: every row as a type, for code that ranges over all ------
+
+ROW_LIST_H = T(BANNER + """#pragma once
+
+#include "ZelkoMsgDefs.h"
+
+#include <tuple>
+
+namespace zelko {
+
+// A message of the dictionary as a type: its record and its id.
+template <class Record, MsgId Id>
+struct Row
+{
+    using Payload = Record;
+    static constexpr MsgId id = Id;
+};
+
+// All rows, in ascending id.
+using AllRows = std::tuple<
+$rows>;
+
+} // namespace zelko
+""")
+
+ROW_ENTRY = T("    Row<${message}Payload, $enumerator>")
+
+# --- ZelkoMsgDefs.proto -----------------------------------------------------------
+
+PROTO = T("""// Generated from ZelkoMsgRows.txt by vorlink_codegen.py. Do not edit.
+syntax = "proto3";
+
+package zelko.messages;
+
+import "google/protobuf/timestamp.proto";
+
+message Header {
+  google.protobuf.Timestamp timestamp = 1;
+  int32 sequence = 2;
+  uint32 msgId = 3;
+}
+
+message Envelope {
+  Header header = 1;
+}
+$messages""")
+
+PROTO_MESSAGE = T("""
+message $message {
+  Header header = 1;
+$fields}
+""")
+
+PROTO_FIELD = T("  $type $name = $number;\n")
+
+PROTO_ONEOF = T("""  oneof $group {
+    bool ${group}_bool = $n0;
+    uint32 ${group}_uint32 = $n1;
+    int32 ${group}_int32 = $n2;
+    float ${group}_float = $n3;
+  }
+""")

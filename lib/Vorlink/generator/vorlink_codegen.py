@@ -1,0 +1,220 @@
+#!/usr/bin/env python3
+"""Generates every per-message piece of Vorlink from the message list.
+
+    vorlink_codegen.py ROWS OUTDIR
+
+reads ROWS (ZelkoMsgRows.txt) and writes into OUTDIR the record classes, the
+field layouts, the protobuf bridge and dispatch, the row list and the schema
+ZelkoMsgDefs.proto. The output depends on ROWS alone: no dates, no paths.
+"""
+import os
+import re
+import sys
+from dataclasses import dataclass, field as dc_field
+
+import templates as t
+
+WIRE_WIDTH = {"U08": 1, "U16": 2, "U32": 4, "S16": 2, "S32": 4, "F32": 4}
+SCHEMA_TYPE = {"U08": "uint32", "U16": "uint32", "U32": "uint32", "S16": "int32", "S32": "int32", "F32": "float"}
+ONEOF_WIDTH = 4  # bool, uint32, int32, float
+
+FIELD_RE = re.compile(r"^(?P<name>[A-Za-z_]\w*?)(?:(?P<first>\d+)\.\.(?P<last>\d+))?:(?P<type>U08|U16|U32|S16|S32|F32)"
+                      r"(?P<bool>=bool)?(?:\+(?P<oneof>[A-Za-z_]\w*))?$")
+
+
+@dataclass
+class Field:
+    name: str
+    wire: str
+    as_bool: bool = False
+    oneof_after: str = ""
+
+    @property
+    def schema_type(self):
+        return "bool" if self.as_bool else SCHEMA_TYPE[self.wire]
+
+
+@dataclass
+class Row:
+    id: int
+    enumerator: str
+    message: str
+    bytes: int
+    fields: list = dc_field(default_factory=list)
+
+    @property
+    def hex_id(self):
+        return f"0x{self.id:04X}"
+
+    @property
+    def wire_size(self):
+        return sum(WIRE_WIDTH[f.wire] for f in self.fields)
+
+    @property
+    def is_union(self):
+        return any(f.oneof_after for f in self.fields)
+
+
+class RowError(Exception):
+    pass
+
+
+def message_name(enumerator):
+    words = enumerator[len("MSG_ID_"):].split("_")
+    return "".join(w[:1].upper() + w[1:].lower() for w in words)
+
+
+def parse_fields(text):
+    if text == "-":
+        return []
+    fields = []
+    for token in text.split():
+        m = FIELD_RE.match(token)
+        if not m:
+            raise RowError(f"bad field '{token}'")
+        names = [m["name"]]
+        if m["first"]:
+            first, last = int(m["first"]), int(m["last"])
+            if last <= first:
+                raise RowError(f"empty run '{token}'")
+            names = [f"{m['name']}{n}" for n in range(first, last + 1)]
+        if m["bool"] and m["type"] != "U32":
+            raise RowError(f"only a U32 can be held as a bool: '{token}'")
+        for name in names:
+            fields.append(Field(name, m["type"], bool(m["bool"])))
+        if m["oneof"]:
+            if m["first"]:
+                raise RowError(f"a oneof group follows one field, not a run: '{token}'")
+            fields[-1].oneof_after = m["oneof"]
+    return fields
+
+
+def parse_rows(path):
+    rows = []
+    with open(path, encoding="utf-8") as f:
+        for number, line in enumerate(f, 1):
+            line = line.strip()
+            if not line or line.startswith("#"):
+                continue
+            try:
+                cols = line.split(None, 4)
+                if len(cols) != 5:
+                    raise RowError("expected id, enumerator, message, bytes and fields")
+                row = Row(int(cols[0], 16), cols[1], cols[2], int(cols[3]), parse_fields(cols[4]))
+                check_row(row, rows)
+            except (RowError, ValueError) as e:
+                raise SystemExit(f"{path}:{number}: {e}")
+            rows.append(row)
+    return rows
+
+
+def check_row(row, earlier):
+    if not 0 <= row.id <= 0xFFFF:
+        raise RowError("id is not 16 bits")
+    if earlier and row.id <= earlier[-1].id:
+        raise RowError("ids must ascend")
+    if not row.enumerator.startswith("MSG_ID_") or message_name(row.enumerator) != row.message:
+        raise RowError(f"message name {row.message} does not follow from {row.enumerator}")
+    names = [f.name for f in row.fields] + [f"{f.oneof_after}_{k}" for f in row.fields if f.oneof_after
+                                            for k in ("bool", "uint32", "int32", "float")]
+    if len({n.lower() for n in names} | {"header"}) != len(names) + 1:
+        raise RowError("field names repeat (protobuf accessors ignore case)")
+    if not row.is_union and row.wire_size != row.bytes:
+        raise RowError(f"fields make {row.wire_size} bytes, the row says {row.bytes}")
+
+
+# --- emitters ------------------------------------------------------------------
+
+def join(template, rows, **extra):
+    return "\n".join(template.substitute(enumerator=r.enumerator, message=r.message, id=r.hex_id,
+                                         bytes=r.bytes, **extra) for r in rows)
+
+
+def defs_h(rows):
+    records = "\n".join(t.RECORD.substitute(
+        message=r.message,
+        members="".join(t.RECORD_MEMBER.substitute(type=f.wire, name=f.name) for f in r.fields) +
+                ("\n" if r.fields else "")) for r in rows)
+    return t.DEFS_H.substitute(enumerators=join(t.ENUMERATOR, rows), records=records,
+                               payload_sizes=join(t.PAYLOAD_SIZE, rows))
+
+
+def layouts_h(rows):
+    layouts = "\n".join(t.LAYOUT.substitute(
+        message=r.message,
+        fields=",".join(t.LAYOUT_FIELD.substitute(message=r.message, name=f.name) for f in r.fields)) for r in rows)
+    return t.LAYOUTS_H.substitute(layouts=layouts)
+
+
+def defs_cpp(rows):
+    return t.DEFS_CPP.substitute(name_cases=join(t.NAME_CASE, rows),
+                                 members="\n".join(t.RECORD_MEMBERS.substitute(message=r.message) for r in rows))
+
+
+def proto_utils_h(rows):
+    return t.PROTO_UTILS_H.substitute(overloads="\n".join(t.OVERLOAD_DECLS.substitute(message=r.message)
+                                                          for r in rows))
+
+
+def proto_utils_cpp(rows):
+    schemas = "\n".join(t.SCHEMA.substitute(
+        message=r.message,
+        union_name=f'"{r.message}"' if r.is_union else "nullptr",
+        fields=",".join(t.SCHEMA_FIELD.substitute(message=r.message, name=f.name, accessor=f.name.lower())
+                        for f in r.fields)) for r in rows)
+    return t.PROTO_UTILS_CPP.substitute(
+        schemas=schemas,
+        overloads="\n".join(t.OVERLOAD_DEFS.substitute(message=r.message) for r in rows),
+        dispatch_cases=join(t.DISPATCH_CASE, rows),
+        proto_names=join(t.PROTO_NAME, rows))
+
+
+def row_list_h(rows):
+    return t.ROW_LIST_H.substitute(rows=",\n".join(t.ROW_ENTRY.substitute(message=r.message,
+                                                                         enumerator=r.enumerator) for r in rows))
+
+
+def proto(rows):
+    messages = []
+    for r in rows:
+        number, lines = 2, []
+        for f in r.fields:
+            lines.append(t.PROTO_FIELD.substitute(type=f.schema_type, name=f.name, number=number))
+            number += 1
+            if f.oneof_after:
+                lines.append(t.PROTO_ONEOF.substitute(group=f.oneof_after, **{f"n{k}": number + k for k in range(4)}))
+                number += ONEOF_WIDTH
+        messages.append(t.PROTO_MESSAGE.substitute(message=r.message, fields="".join(lines)))
+    return t.PROTO.substitute(messages="".join(messages))
+
+
+OUTPUTS = {
+    "ZelkoMsgDefs.h": defs_h,
+    "ZelkoMsgLayouts.h": layouts_h,
+    "ZelkoMsgDefs.cpp": defs_cpp,
+    "ZelkoMsgProtoUtils.h": proto_utils_h,
+    "ZelkoMsgProtoUtils.cpp": proto_utils_cpp,
+    "ZelkoMsgRowList.h": row_list_h,
+    "ZelkoMsgDefs.proto": proto,
+}
+
+
+def main(argv):
+    if len(argv) != 3:
+        raise SystemExit(__doc__)
+    rows = parse_rows(argv[1])
+    os.makedirs(argv[2], exist_ok=True)
+    for name, emit in OUTPUTS.items():
+        text = emit(rows)
+        path = os.path.join(argv[2], name)
+        # Leave an unchanged file alone so the build does not redo its dependents.
+        if os.path.exists(path):
+            with open(path, encoding="utf-8") as f:
+                if f.read() == text:
+                    continue
+        with open(path, "w", encoding="utf-8", newline="\n") as f:
+            f.write(text)
+
+
+if __name__ == "__main__":
+    main(sys.argv)

@@ -1,0 +1,157 @@
+#pragma once
+
+// The one pattern behind every row of the protobuf bridge and of the CAN
+// message conversion. The generated code gives each record its Schema: the
+// schema message class and, field by field, the record member with the
+// message's getter and setter. Include after ZelkoMsgDefs.pb.h.
+
+#include "RecordCore.h"
+
+#include "Bytra/Can.h"
+
+#include <QByteArray>
+#include <QDateTime>
+#include <QDebug>
+#include <QString>
+
+#include <string>
+#include <tuple>
+#include <unordered_map>
+
+namespace zelko {
+namespace detail {
+
+// One wire field as the schema message holds it. The record-to-schema and
+// schema-to-record rules are plain conversions between the two value types:
+// zero- or sign-extension one way and the low bits back, `!= 0` into a bool
+// and 0 or 1 out of it, and a float's bits unchanged.
+template <class Record, class Wire, class Message, class Proto>
+struct BridgeField
+{
+    Wire Record::*member;
+    Proto (Message::*get)() const;
+    void (Message::*set)(Proto);
+};
+
+template <class Record, class Wire, class Message, class Proto>
+constexpr BridgeField<Record, Wire, Message, Proto> bridge(Wire Record::*member, Proto (Message::*get)() const,
+                                                           void (Message::*set)(Proto))
+{
+    return {member, get, set};
+}
+
+template <class Record, class Wire, class Message, class Proto>
+void toSchema(const Record &record, Message &message, const BridgeField<Record, Wire, Message, Proto> &f)
+{
+    (message.*f.set)(static_cast<Proto>((record.*f.member).value));
+}
+
+template <class Record, class Wire, class Message, class Proto>
+void fromSchema(const Message &message, Record &record, const BridgeField<Record, Wire, Message, Proto> &f)
+{
+    auto &value = (record.*f.member).value;
+    value = static_cast<std::remove_reference_t<decltype(value)>>((message.*f.get)());
+}
+
+// Specialised once per record by the generated code: `Message`, `fields`,
+// and `unionName`, the message's name when its schema holds oneof groups
+// the record does not carry, else nullptr.
+template <class Record>
+struct Schema;
+
+inline void updateHeader(messages::Header &header, const QDateTime &timestamp, short sequence, unsigned short msgId)
+{
+    const qint64 ms = timestamp.toMSecsSinceEpoch();
+    google::protobuf::Timestamp &time = *header.mutable_timestamp();
+    time.set_seconds(ms / 1000);
+    time.set_nanos(int(ms % 1000) * 1000000);
+    header.set_sequence(sequence);
+    header.set_msgid(msgId);
+}
+
+inline void warnPartial(const char *messageName, const char *direction)
+{
+    qDebug().noquote() << QStringLiteral("WARNING: MsgId=%1 contains union/oneof field(s); protobuf %2 is partial")
+                              .arg(QLatin1String(messageName), QLatin1String(direction));
+}
+
+template <class Record>
+bool serializeRecord(const Record &record, const QDateTime &timestamp, short sequence, unsigned short msgId,
+                     QByteArray &out)
+{
+    using S = Schema<Record>;
+    if constexpr (S::unionName != nullptr)
+        warnPartial(S::unionName, "serialization");
+    typename S::Message message;
+    updateHeader(*message.mutable_header(), timestamp, sequence, msgId);
+    std::apply([&](const auto &...f) { (toSchema(record, message, f), ...); }, S::fields);
+    std::string bytes;
+    const bool serialized = message.SerializeToString(&bytes);
+    out = serialized ? QByteArray(bytes.data(), int(bytes.size())) : QByteArray();
+    return serialized;
+}
+
+template <class Record>
+bool deserializeRecord(const QByteArray &buffer, Record &record)
+{
+    using S = Schema<Record>;
+    if constexpr (S::unionName != nullptr)
+        warnPartial(S::unionName, "deserialization");
+    typename S::Message message;
+    if (!message.ParseFromArray(buffer.constData(), buffer.size()))
+        return false;
+    std::apply([&](const auto &...f) { (fromSchema(message, record, f), ...); }, S::fields);
+    return true;
+}
+
+// One case of canMessageToProtobufByteArray.
+template <class Record>
+bool convertMessage(const QDateTime &timestamp, const Bytra::Can::Message &message, QByteArray &out)
+{
+    Record record;
+    if (!decodeRecord(record, message.payload)) {
+        out = QByteArray();
+        return false;
+    }
+    return serializeRecord(record, timestamp, short(message.sequence), message.msgId, out);
+}
+
+inline bool rejectUnknownId(const Bytra::Can::Message &message, QByteArray &out)
+{
+    qDebug().noquote() << QStringLiteral("WARNING: MsgId=0x%1 not handled").arg(qulonglong(message.msgId), 4, 16, QLatin1Char('0'));
+    out = QByteArray();
+    return false;
+}
+
+// msgIdToProtoName's table: built on first use, read-only after, and handing
+// out references that live as long as the library.
+class ProtoNameTable
+{
+public:
+    struct Entry
+    {
+        unsigned short msgId;
+        const char *name;
+    };
+
+    template <std::size_t N>
+    explicit ProtoNameTable(const Entry (&entries)[N])
+    {
+        names_.reserve(N);
+        for (const Entry &e : entries)
+            names_.emplace(e.msgId, std::string(e.name));
+    }
+
+    const std::string &find(unsigned short msgId) const
+    {
+        const auto it = names_.find(msgId);
+        return it == names_.end() ? none_ : it->second;
+    }
+
+private:
+    std::unordered_map<unsigned short, std::string> names_;
+    const std::string none_;
+};
+
+} // namespace detail
+} // namespace zelko

@@ -1,0 +1,112 @@
+#pragma once
+
+// The one pattern behind every payload record: decode, encode and dump walk
+// the record's field list, which the generated code gives as a Layout.
+
+#include "Bytra/Types.h"
+
+#include <QByteArray>
+#include <QDebug>
+#include <QLatin1String>
+#include <QString>
+#include <QStringList>
+
+#include <cstddef>
+#include <tuple>
+
+namespace zelko {
+namespace detail {
+
+// One wire field of a record: where it lives in the record, and its name.
+template <class Record, class Wire>
+struct Field
+{
+    Wire Record::*member;
+    QLatin1String name;
+};
+
+template <class Record, class Wire, std::size_t N>
+constexpr Field<Record, Wire> field(Wire Record::*member, const char (&name)[N])
+{
+    return {member, QLatin1String(name, int(N - 1))};
+}
+
+// Specialised once per record by the generated code: `name` is the class
+// name and `fields` the wire fields in wire order.
+template <class Record>
+struct Layout;
+
+template <class Record, class Wire>
+constexpr int widthOf(const Field<Record, Wire> &)
+{
+    return int(sizeof(Wire::bytes));
+}
+
+// Bytes the record reads and writes: its fields back to back, no padding.
+template <class Record>
+constexpr int wireSize()
+{
+    return std::apply([](const auto &...f) { return (0 + ... + widthOf(f)); }, Layout<Record>::fields);
+}
+
+template <class Wire>
+inline bool readField(const QByteArray &buffer, int &position, Wire &out, QLatin1String name)
+{
+    // getValue takes the field name by value; the name is only printed when
+    // the value does not fit, so only then is it made into a QString.
+    constexpr int width = int(sizeof(out.bytes));
+    const bool fits = position <= buffer.size() - width;
+    return Bytra::Types::getValue(buffer, position, out, fits ? QString() : QString(name));
+}
+
+template <class Record>
+bool decodeRecord(Record &record, const QByteArray &buffer)
+{
+    int position = 0;
+    return std::apply(
+        [&](const auto &...f) { return (true && ... && readField(buffer, position, record.*f.member, f.name)); },
+        Layout<Record>::fields);
+}
+
+template <class Wire>
+inline void appendBytes(QByteArray &out, const Wire &value)
+{
+    for (const quint8 byte : value.bytes)
+        out.append(char(byte));
+}
+
+template <class Record>
+void encodeRecord(const Record &record, QByteArray &out)
+{
+    constexpr int size = wireSize<Record>();
+    if constexpr (size > 0) {
+        out.reserve(out.size() + size);
+        std::apply([&](const auto &...f) { (appendBytes(out, record.*f.member), ...); }, Layout<Record>::fields);
+    }
+}
+
+// How each wire type prints in a dump line.
+inline QString dumpValue(QString text, Bytra::Types::U08 v) { return text.arg(qlonglong(v.value)); }
+inline QString dumpValue(QString text, Bytra::Types::U16 v) { return text.arg(qulonglong(v.value)); }
+inline QString dumpValue(QString text, Bytra::Types::U32 v) { return text.arg(qulonglong(v.value)); }
+inline QString dumpValue(QString text, Bytra::Types::S16 v) { return text.arg(qlonglong(v.value)); }
+inline QString dumpValue(QString text, Bytra::Types::S32 v) { return text.arg(qlonglong(v.value)); }
+inline QString dumpValue(QString text, Bytra::Types::F32 v) { return text.arg(double(v.value), 0, 'g', -1); }
+
+template <class Record>
+void dumpRecord(const Record &record)
+{
+    QStringList parts;
+    std::apply(
+        [&](const auto &...f) {
+            parts.reserve(int(sizeof...(f)));
+            (parts.append(dumpValue(QString(f.name) + QLatin1String("=%1"), record.*f.member)), ...);
+        },
+        Layout<Record>::fields);
+    const QString line = (QString(QLatin1String(Layout<Record>::name)) + QLatin1String(": %1"))
+                             .arg(parts.isEmpty() ? QStringLiteral("<none>") : parts.join(QLatin1String(", ")));
+    qDebug().noquote() << line;
+}
+
+} // namespace detail
+} // namespace zelko
