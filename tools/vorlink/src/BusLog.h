@@ -1,0 +1,60 @@
+#pragma once
+
+// One line of a bus log, and one line of the JSON Lines that `vorlink decode
+// --format json` writes, each parsed on its own. No I/O and no global state
+// beyond the read-only message table: a caller hands in one line (without its
+// newline) and gets back what it holds.
+//
+// Bus-log line:   <time> <sequence> <id> <payload>   [# comment]
+//   time      seconds since 1970-01-01 UTC, up to three decimals (milliseconds)
+//   sequence  decimal, 0 to 65535
+//   id        hexadecimal, 1 to 4 digits, "0x" optional
+//   payload   hexadecimal, two digits per byte; "-" (or nothing) for no bytes
+// Fields are separated by blanks or tabs. Blank lines and lines whose first
+// non-blank character is '#' hold no message.
+
+#include <QByteArray>
+#include <QtGlobal>
+
+#include <string>
+#include <string_view>
+
+namespace vorlink {
+
+// One message of a bus log.
+struct BusLogEntry
+{
+    qint64 msecs = 0;        // milliseconds since 1970-01-01 UTC
+    quint16 sequence = 0;
+    quint16 msgId = 0;
+    QByteArray payload;      // the wire bytes; reused from line to line
+};
+
+struct LineResult
+{
+    enum Kind { Message, Skip, Error };
+    Kind kind = Skip;
+    std::string reason;      // set for Error only: what is wrong, in a few words
+
+    bool isMessage() const { return kind == Message; }
+};
+
+// Largest time a line may carry: 9999-12-31T23:59:59.999Z, the end of what a
+// protobuf Timestamp holds.
+constexpr qint64 maxBusLogMsecs = 253402300799999LL;
+
+// Parses one bus-log line. On Message, `entry` holds its fields; on Skip and
+// Error, `entry` is unspecified. Does not check the id against the dictionary.
+LineResult parseBusLogLine(std::string_view line, BusLogEntry &entry);
+
+// Appends `entry` as one bus-log line, without a newline, to `out`.
+void appendBusLogLine(const BusLogEntry &entry, std::string &out);
+
+// Parses one JSON Lines object as `decode --format json` writes it (protobuf
+// JSON of a schema message with its `header`) into the message's bus-log
+// entry: time, sequence and id from the header, the payload as the record's
+// wire bytes. Blank lines are Skip. Rejects an unknown id, a field the schema
+// message does not have, and anything that is not such an object.
+LineResult parseJsonLine(std::string_view line, BusLogEntry &entry);
+
+} // namespace vorlink

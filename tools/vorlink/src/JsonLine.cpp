@@ -1,0 +1,109 @@
+#include "BusLog.h"
+#include "Dictionary.h"
+
+#include <google/protobuf/descriptor.h>
+#include <google/protobuf/message.h>
+#include <google/protobuf/util/json_util.h>
+
+#include <cstdio>
+#include <memory>
+
+namespace vorlink {
+namespace {
+
+using google::protobuf::Message;
+using google::protobuf::util::JsonParseOptions;
+using google::protobuf::util::JsonStringToMessage;
+
+LineResult error(std::string reason)
+{
+    LineResult r;
+    r.kind = LineResult::Error;
+    r.reason = std::move(reason);
+    return r;
+}
+
+std::string hexId(unsigned long long id)
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "0x%04llX", id);
+    return text;
+}
+
+// The status text of the JSON parser, on one line.
+std::string oneLine(std::string text)
+{
+    for (char &c : text)
+        if (c == '\n' || c == '\r')
+            c = ' ';
+    return text;
+}
+
+} // namespace
+
+LineResult parseJsonLine(std::string_view line, BusLogEntry &entry)
+{
+    std::size_t first = 0;
+    while (first < line.size() && (line[first] == ' ' || line[first] == '\t' || line[first] == '\r'))
+        ++first;
+    if (first == line.size())
+        return {};
+
+    // Every schema message has its Header at number 1, so the header is read
+    // first on its own, through Envelope, to learn the message type.
+    const Dictionary &dictionary = Dictionary::instance();
+    const auto *envelopeType =
+        google::protobuf::DescriptorPool::generated_pool()->FindMessageTypeByName("zelko.messages.Envelope");
+    if (envelopeType == nullptr)
+        return error("the library has no zelko.messages.Envelope");
+    std::unique_ptr<Message> envelope(
+        google::protobuf::MessageFactory::generated_factory()->GetPrototype(envelopeType)->New());
+    JsonParseOptions lenient;
+    lenient.ignore_unknown_fields = true;
+    const google::protobuf::StringPiece text(line.data(), line.size());
+    const auto status = JsonStringToMessage(text, envelope.get(), lenient);
+    if (!status.ok())
+        return error("not a JSON object of a bus message: " + oneLine(status.ToString()));
+
+    const auto *headerField = envelopeType->FindFieldByName("header");
+    const auto *reflection = envelope->GetReflection();
+    if (headerField == nullptr || !reflection->HasField(*envelope, headerField))
+        return error("the object has no \"header\"");
+    const Message &header = reflection->GetMessage(*envelope, headerField);
+    const auto *headerType = header.GetDescriptor();
+    const auto *headerReflection = header.GetReflection();
+    const quint32 msgId = headerReflection->GetUInt32(header, headerType->FindFieldByName("msgId"));
+    const qint32 sequence = headerReflection->GetInt32(header, headerType->FindFieldByName("sequence"));
+    const Message &timestamp = headerReflection->GetMessage(header, headerType->FindFieldByName("timestamp"));
+    const auto *timeType = timestamp.GetDescriptor();
+    const qint64 seconds = timestamp.GetReflection()->GetInt64(timestamp, timeType->FindFieldByName("seconds"));
+    const qint32 nanos = timestamp.GetReflection()->GetInt32(timestamp, timeType->FindFieldByName("nanos"));
+
+    if (msgId > 0xFFFF)
+        return error("msgId " + std::to_string(msgId) + " is larger than 0xFFFF");
+    const RowInfo *row = dictionary.find(quint16(msgId));
+    if (row == nullptr || row->prototype == nullptr)
+        return error("unknown message id " + hexId(msgId));
+    if (sequence < -32768 || sequence > 65535)
+        return error("sequence " + std::to_string(sequence) + " does not fit in 16 bits");
+    const qint64 msecs = seconds * 1000 + nanos / 1000000;
+    if (msecs < 0 || msecs > maxBusLogMsecs)
+        return error("timestamp before 1970 cannot be written to a bus log");
+
+    std::unique_ptr<Message> message(row->prototype->New());
+    const auto parsed = JsonStringToMessage(text, message.get(), JsonParseOptions());
+    if (!parsed.ok())
+        return error("does not fit " + row->protoName + ": " + oneLine(parsed.ToString()));
+    const std::string bytes = message->SerializeAsString();
+    if (!row->protoToWire(QByteArray(bytes.data(), int(bytes.size())), entry.payload))
+        return error("the library could not read " + row->protoName + " back");
+
+    entry.msecs = msecs;
+    entry.sequence = quint16(sequence);
+    entry.msgId = quint16(msgId);
+    LineResult ok;
+    ok.kind = LineResult::Message;
+    return ok;
+}
+
+} // namespace vorlink
