@@ -1,0 +1,312 @@
+#!/usr/bin/env python3
+"""The vorlink executable as a user runs it: subcommands, exit codes, output
+formats, rejected lines, the round trip through JSON, and the dictionary
+listing checked against the message list the library is generated from."""
+
+import argparse
+import json
+import os
+import pty
+import re
+import select
+import subprocess
+import sys
+import tempfile
+import unittest
+
+TOOL = EXAMPLES = ROWS = None
+
+# The worked AlarmStatusData message and its schema message bytes.
+ALARM_LINE = "1700000000.123 7 0x0100 02000000010000003c0000000500"
+ALARM_PROTO = bytes.fromhex("0a120a0b0880e2cfaa0610c0a9d33a10071880021002180120" "3c2805")
+
+
+def run(*args, stdin=None, env=None):
+    return subprocess.run([TOOL, *args], input=stdin, capture_output=True, env=env, timeout=300)
+
+
+def read_delimited(data):
+    """Splits a varint-length-delimited stream into its messages."""
+    messages, i = [], 0
+    while i < len(data):
+        size, shift = 0, 0
+        while True:
+            b = data[i]
+            i += 1
+            size |= (b & 0x7F) << shift
+            shift += 7
+            if b < 0x80:
+                break
+        messages.append(data[i:i + size])
+        i += size
+    assert i == len(data), "stream ends inside a message"
+    return messages
+
+
+def message_lines(text):
+    return [l for l in text.splitlines() if l.strip() and not l.lstrip().startswith("#")]
+
+
+def read_rows(path):
+    """The message list: id -> (enumerator, message, size, [(name, type)], union)."""
+    rows = {}
+    for line in open(path):
+        if not line.strip() or line.startswith("#"):
+            continue
+        parts = line.split()
+        fields, union = [], False
+        for token in parts[4:]:
+            if token == "-":
+                continue
+            union |= "+" in token
+            token = token.split("+")[0]
+            name, wire = token.split(":")
+            wire = wire.split("=")[0]
+            run_ = re.fullmatch(r"(.*?)(\d+)\.\.(\d+)", name)
+            if run_:
+                for k in range(int(run_.group(2)), int(run_.group(3)) + 1):
+                    fields.append((f"{run_.group(1)}{k}", wire))
+            else:
+                fields.append((name, wire))
+        rows[int(parts[0], 16)] = (parts[1], parts[2], int(parts[3]), fields, union)
+    return rows
+
+
+class CommandLine(unittest.TestCase):
+    def test_help_version_and_misuse(self):
+        for args in (["--help"], ["help", "decode"], ["decode", "--help"], ["encode", "-h"],
+                     ["list", "--help"], ["synth", "--help"]):
+            r = run(*args)
+            self.assertEqual(r.returncode, 0, args)
+            self.assertIn(b"Usage: vorlink", r.stdout)
+        r = run("--version")
+        self.assertEqual(r.returncode, 0)
+        self.assertRegex(r.stdout.decode(), r"^vorlink \d+\.\d+\.\d+ .*474 messages")
+        for args in ([], ["frobnicate"], ["decode", "--format", "xml"], ["decode", "--bogus"],
+                     ["decode", "--format"], ["decode", "a", "b"], ["decode", "/no/such/file"],
+                     ["synth", "--count", "ten"], ["synth", "--seed=-1"], ["list", "1", "2"],
+                     ["encode", "--strict=yes"]):
+            r = run(*args)
+            self.assertEqual(r.returncode, 2, args)
+            self.assertEqual(r.stdout, b"", args)
+            self.assertTrue(r.stderr, args)
+
+
+class Decode(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.log = os.path.join(EXAMPLES, "bus.log")
+        cls.count = len(message_lines(open(cls.log).read()))
+
+    def test_example_holds_every_message_and_decodes_in_every_format(self):
+        dump = run("decode", self.log)
+        self.assertEqual((dump.returncode, dump.stderr), (0, b""))
+        lines = dump.stdout.decode().splitlines()
+        self.assertEqual(len(lines), self.count)
+        self.assertEqual(lines[0],
+                         "AlarmStatusDataPayload: alarmState=2, alarmTop=1, silenceExpiresIn=60, alarmsFlags=5")
+        self.assertEqual(lines[1], "TdEventPayload: event=9, dataType1=1, dataType2=2")
+
+        js = run("decode", "--format", "json", self.log)
+        self.assertEqual((js.returncode, js.stderr), (0, b""))
+        objects = [json.loads(l) for l in js.stdout.decode().splitlines()]
+        self.assertEqual(len(objects), self.count)
+        self.assertEqual(len({o["header"]["msgId"] for o in objects}), 474)
+        self.assertEqual(objects[0], {"header": {"timestamp": "2023-11-14T22:13:20.123Z", "sequence": 7,
+                                                 "msgId": 256},
+                                      "alarmState": 2, "alarmTop": 1, "silenceExpiresIn": 60, "alarmsFlags": 5})
+        self.assertEqual(objects[1]["header"]["sequence"], -1)
+
+        text = run("decode", "--format", "text", self.log)
+        self.assertEqual(text.returncode, 0)
+        blocks = [b for b in text.stdout.decode().split("\n\n") if b.strip()]
+        self.assertEqual(len(blocks), self.count)
+        self.assertTrue(blocks[0].startswith("# line "))
+        self.assertIn("zelko.messages.AlarmStatusData\nheader {", blocks[0])
+        self.assertIn("silenceExpiresIn: 60", blocks[0])
+
+        binary = run("decode", "--format", "binary", self.log)
+        self.assertEqual(binary.returncode, 0)
+        frames = read_delimited(binary.stdout)
+        self.assertEqual(len(frames), self.count)
+        self.assertEqual(frames[0], ALARM_PROTO)
+
+    def test_standard_input_and_a_frame_longer_than_127_bytes(self):
+        r = run("decode", "--format", "binary", "-", stdin=(ALARM_LINE + "\n").encode())
+        self.assertEqual(r.stdout, bytes([len(ALARM_PROTO)]) + ALARM_PROTO)
+        # TdValidatedTreatmentParams with 24 large values makes a schema message of
+        # more than 127 bytes: its size takes two bytes of varint.
+        payload = "ffffff7f" * 24
+        r = run("decode", "--format", "binary", stdin=f"1 1 0x4400 {payload}".encode())
+        [frame] = read_delimited(r.stdout)
+        self.assertGreater(len(frame), 127)
+
+    def test_bad_lines_are_reported_and_the_rest_converted(self):
+        bad = os.path.join(EXAMPLES, "malformed.log")
+        r = run("decode", bad)
+        self.assertEqual(r.returncode, 1)
+        self.assertEqual(r.stdout.decode().splitlines(),
+                         ["AlarmStatusDataPayload: alarmState=2, alarmTop=1, silenceExpiresIn=60, alarmsFlags=5",
+                          "AlarmClearedPayload: alarmName=7"])
+        errors = r.stderr.decode().splitlines()
+        expected = {5: "too short", 6: "unknown message id 0x0001", 7: "odd number", 8: "not hexadecimal",
+                    9: "sequence", 10: "time"}
+        for number, words in expected.items():
+            self.assertTrue(any(e.startswith(f"{bad}:{number}: ") and words in e for e in errors), (number, errors))
+        self.assertIn("6 lines rejected", errors[-1])
+        self.assertEqual(len(errors), 7)
+        # Library warnings stay off both streams unless asked for.
+        self.assertNotIn("Not enough data", r.stderr.decode())
+        verbose = run("decode", "--verbose", bad)
+        self.assertIn("Not enough data", verbose.stderr.decode())
+        self.assertEqual(verbose.stdout, r.stdout)
+
+        strict = run("decode", "--strict", "--format", "json", bad)
+        self.assertEqual(strict.returncode, 1)
+        self.assertEqual(len(strict.stdout.splitlines()), 1)
+        self.assertEqual(len(strict.stderr.decode().splitlines()), 2)
+
+    def test_dump_goes_to_stdout_and_union_notes_do_not(self):
+        r = run("decode", "--format", "dump", stdin=b"1 1 0x1700 0900000001000000020000002a00000003000000\n")
+        self.assertEqual(r.stdout, b"TdEventPayload: event=9, dataType1=1, dataType2=2\n")
+        self.assertEqual(r.stderr, b"")
+
+
+class RoundTrip(unittest.TestCase):
+    def test_decode_then_encode_gives_back_the_log(self):
+        with tempfile.TemporaryDirectory() as tmp:
+            log = os.path.join(tmp, "synth.log")
+            with open(log, "wb") as f:
+                f.write(run("synth", "--count", "2000", "--seed", "42").stdout)
+            js = run("decode", "--format", "json", log)
+            self.assertEqual(js.returncode, 0)
+            back = run("encode", "-", stdin=js.stdout)
+            self.assertEqual((back.returncode, back.stderr), (0, b""))
+            original = message_lines(open(log).read())
+        rows = read_rows(ROWS)
+        again = back.stdout.decode().splitlines()
+        self.assertEqual(len(again), len(original))
+        for a, b in zip(original, again):
+            ta, sa, ia, pa = a.split()
+            tb, sb, ib, pb = b.split()
+            self.assertEqual((ta, sa, ia), (tb, sb, ib))
+            if rows[int(ia, 16)][4]:   # union messages: the record keeps its own fields only
+                self.assertTrue(pa.startswith(pb), (a, b))
+            else:
+                self.assertEqual(pa if pa != "-" else "", pb if pb != "-" else "", a)
+
+    def test_bool_and_narrowing_on_the_way_back(self):
+        lines = [
+            '{"header":{"msgId":2},"payloadPtr":true}',                  # ignored: 0x0002 is unknown
+            '{"header":{"msgId":640,"sequence":3},"payloadPtr":true}',   # bool to U32 1
+            '{"header":{"msgId":1792},"uiAlarmButtonBlocks1":300}',     # U08 keeps the low byte
+        ]
+        r = run("encode", stdin="\n".join(lines).encode())
+        self.assertEqual(r.returncode, 1)
+        self.assertIn("<stdin>:1: unknown message id 0x0002", r.stderr.decode())
+        out = r.stdout.decode().splitlines()
+        self.assertEqual(out[0], "0.000 3 0x0280 01000000")
+        self.assertEqual(out[1].split()[3][48:50], "2c")
+
+
+class List(unittest.TestCase):
+    def test_listing_matches_the_message_list(self):
+        rows = read_rows(ROWS)
+        r = run("list")
+        self.assertEqual(r.returncode, 0)
+        listed, current = {}, None
+        for line in r.stdout.decode().splitlines():
+            if line.startswith("0x"):
+                parts = line.split()
+                current = int(parts[0], 16)
+                listed[current] = [parts[1], parts[2], int(parts[3]), []]
+            elif line.split()[0].isdigit():
+                pos, wire, name = line.split()[:3]
+                listed[current][3].append((int(pos), wire, name))
+        self.assertEqual(sorted(listed), sorted(rows))
+        for id_, (enum, message, size, fields, _) in rows.items():
+            got = listed[id_]
+            self.assertEqual(got[:3], [enum, "zelko.messages." + message, size], hex(id_))
+            widths = {"U08": 1, "U16": 2, "S16": 2, "U32": 4, "S32": 4, "F32": 4}
+            pos, want = 0, []
+            for name, wire in fields:
+                want.append((pos, wire, name))
+                pos += widths[wire]
+            self.assertEqual(got[3], want, hex(id_))
+
+    def test_one_message_by_id_or_name(self):
+        by_id = run("list", "0x0100").stdout
+        self.assertEqual(run("list", "100").stdout, by_id)
+        self.assertEqual(run("list", "MSG_ID_ALARM_STATUS_DATA").stdout, by_id)
+        self.assertEqual(run("list", "alarmstatusdata").stdout, by_id)
+        self.assertIn(b"alarmsFlags", by_id)
+        self.assertIn(b"schema only (oneof data2)", run("list", "TdEvent").stdout)
+        r = run("list", "NoSuchMessage")
+        self.assertEqual((r.returncode, r.stdout), (1, b""))
+        self.assertEqual(run("list", "0x0001").returncode, 1)
+
+
+class Synth(unittest.TestCase):
+    def test_deterministic_valid_and_covering(self):
+        a = run("synth", "--count", "948", "--seed", "5")
+        self.assertEqual(a.stdout, run("synth", "--count=948", "--seed=5").stdout)
+        self.assertNotEqual(a.stdout, run("synth", "--count", "948", "--seed", "6").stdout)
+        lines = message_lines(a.stdout.decode())
+        self.assertEqual(len(lines), 948)
+        firsts = {l.split()[2] for l in lines[:474]}
+        self.assertEqual(len(firsts), 474)
+        times = [float(l.split()[0]) for l in lines]
+        self.assertEqual(times, sorted(times))
+        decoded = run("decode", "--format", "json", stdin=a.stdout)
+        self.assertEqual((decoded.returncode, decoded.stderr), (0, b""))
+        values = set()
+        for o in map(json.loads, decoded.stdout.decode().splitlines()):
+            values.update(v for k, v in o.items() if k != "header")
+        self.assertGreater(len(values), 1000)   # varied, not a few repeated numbers
+
+
+class ProgressBar(unittest.TestCase):
+    def run_with_stderr_on_terminal(self, args, stdin):
+        """Runs the tool with standard error on a pseudo-terminal; returns what it showed there."""
+        master, slave = pty.openpty()
+        env = dict(os.environ, VORLINK_PROGRESS_DELAY_MS="0")
+        p = subprocess.Popen([TOOL, *args], stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=slave, env=env)
+        os.close(slave)
+        out, _ = p.communicate(stdin, timeout=300)
+        seen = b""
+        while True:
+            ready, _, _ = select.select([master], [], [], 0.5)
+            if not ready:
+                break
+            try:
+                chunk = os.read(master, 65536)
+            except OSError:
+                break
+            if not chunk:
+                break
+            seen += chunk
+        os.close(master)
+        return p.returncode, out, seen
+
+    def test_only_on_a_terminal(self):
+        log = run("synth", "--count", "20000").stdout
+        code, out, terminal = self.run_with_stderr_on_terminal(["decode", "--format", "binary"], log)
+        self.assertEqual(code, 0)
+        self.assertIn(b"lines", terminal)
+        self.assertIn(b"\r", terminal)
+        env = dict(os.environ, VORLINK_PROGRESS_DELAY_MS="0")
+        piped = run("decode", "--format", "binary", stdin=log, env=env)
+        self.assertEqual(piped.stderr, b"")
+        self.assertEqual(piped.stdout, out)
+        _, _, quiet = self.run_with_stderr_on_terminal(["decode", "--no-progress", "--format", "binary"], log)
+        self.assertEqual(quiet, b"")
+
+
+if __name__ == "__main__":
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--tool", required=True)
+    parser.add_argument("--examples", required=True)
+    parser.add_argument("--rows", required=True)
+    options, rest = parser.parse_known_args()
+    TOOL, EXAMPLES, ROWS = options.tool, options.examples, options.rows
+    unittest.main(argv=[sys.argv[0], *rest], verbosity=2)
