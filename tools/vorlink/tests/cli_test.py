@@ -43,6 +43,11 @@ def read_delimited(data):
     return messages
 
 
+def read_text(path):
+    with open(path) as f:
+        return f.read()
+
+
 def message_lines(text):
     return [l for l in text.splitlines() if l.strip() and not l.lstrip().startswith("#")]
 
@@ -50,7 +55,7 @@ def message_lines(text):
 def read_rows(path):
     """The message list: id -> (enumerator, message, size, [(name, type)], union)."""
     rows = {}
-    for line in open(path):
+    for line in read_text(path).splitlines():
         if not line.strip() or line.startswith("#"):
             continue
         parts = line.split()
@@ -96,7 +101,7 @@ class Decode(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.log = os.path.join(EXAMPLES, "bus.log")
-        cls.count = len(message_lines(open(cls.log).read()))
+        cls.count = len(message_lines(read_text(cls.log)))
 
     def test_example_holds_every_message_and_decodes_in_every_format(self):
         dump = run("decode", self.log)
@@ -182,7 +187,7 @@ class RoundTrip(unittest.TestCase):
             self.assertEqual(js.returncode, 0)
             back = run("encode", "-", stdin=js.stdout)
             self.assertEqual((back.returncode, back.stderr), (0, b""))
-            original = message_lines(open(log).read())
+            original = message_lines(read_text(log))
         rows = read_rows(ROWS)
         again = back.stdout.decode().splitlines()
         self.assertEqual(len(again), len(original))
