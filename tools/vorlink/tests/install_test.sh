@@ -2,9 +2,13 @@
 # Installs a built tree into a scratch prefix, checks what landed there, and
 # builds and runs a host program against it from a copy outside the source
 # tree: once through find_package(Vorlink), once through pkg-config.
-# Usage: install_test.sh BUILD_DIR WORK_DIR HOST_SOURCE_DIR
+# Usage: install_test.sh BUILD_DIR WORK_DIR HOST_SOURCE_DIR [SANITIZERS]
+# SANITIZERS is the build's -fsanitize list, if any: an instrumented library
+# needs an instrumented host.
 set -euo pipefail
 build=$1 work=$2 host_src=$3
+flags=""
+[ -n "${4:-}" ] && flags="-fsanitize=$4"
 rm -rf "$work"
 mkdir -p "$work"
 prefix=$work/prefix
@@ -38,13 +42,14 @@ done
 cp -r "$host_src" "$work/host"
 expected="0a120a0b0880e2cfaa0610c0a9d33a10071880021002180120""3c2805 02000000010000003c0000000500 zelko.messages.AlarmStatusData 14"
 
-cmake -S "$work/host" -B "$work/host-build" -DCMAKE_PREFIX_PATH="$prefix" > "$work/host-configure.log"
+cmake -S "$work/host" -B "$work/host-build" -DCMAKE_PREFIX_PATH="$prefix" \
+    -DCMAKE_CXX_FLAGS="$flags" -DCMAKE_EXE_LINKER_FLAGS="$flags" > "$work/host-configure.log"
 cmake --build "$work/host-build" > "$work/host-build.log"
 got=$("$work/host-build/host")
 [ "$got" = "$expected" ] || fail "CMake host printed '$got'"
 
 export PKG_CONFIG_PATH=$libdir/pkgconfig
-c++ -std=c++17 -fPIC "$work/host/host.cpp" -o "$work/host-pc" $(pkg-config --cflags --libs vorlink) \
+c++ -std=c++17 -fPIC $flags "$work/host/host.cpp" -o "$work/host-pc" $(pkg-config --cflags --libs vorlink) \
     -Wl,-rpath,"$libdir"
 got=$("$work/host-pc")
 [ "$got" = "$expected" ] || fail "pkg-config host printed '$got'"
