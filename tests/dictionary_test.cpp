@@ -3,9 +3,9 @@
 
 #include "LogCapture.h"
 #include "MessageList.h"
+#include "RecordOps.h"
 
 #include "ZelkoMsgProtoUtils.h"
-#include "ZelkoMsgRowList.h"
 
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/dynamic_message.h>
@@ -28,60 +28,6 @@ using google::protobuf::FieldDescriptor;
 namespace {
 
 const char kCanary = char(0xA5);
-
-// What the tests need of each record class, behind plain function pointers so
-// that the test bodies are compiled once rather than once per row.
-struct RecordOps
-{
-    uint16_t id;
-    // fromQByteArray, then toQByteArray of the record into `wire`.
-    bool (*decodeEncode)(const QByteArray &payload, QByteArray &wire);
-    // deserializeProto, then toQByteArray of the record into `wire`.
-    bool (*fromProto)(const QByteArray &proto, QByteArray &wire);
-    // fromQByteArray, then dump.
-    void (*decodeDump)(const QByteArray &payload);
-};
-
-template <class Record>
-bool decodeEncode(const QByteArray &payload, QByteArray &wire)
-{
-    Record record;
-    const bool decoded = record.fromQByteArray(payload);
-    record.toQByteArray(wire);
-    return decoded;
-}
-
-template <class Record>
-bool fromProto(const QByteArray &proto, QByteArray &wire)
-{
-    Record record;
-    const bool parsed = zelko::deserializeProto(proto, record);
-    record.toQByteArray(wire);
-    return parsed;
-}
-
-template <class Record>
-void decodeDump(const QByteArray &payload)
-{
-    Record record;
-    record.fromQByteArray(payload);
-    record.dump();
-}
-
-// Takes the row list as a pointer type only: making a tuple of 474 types is
-// far slower to compile than unpacking its parameter pack.
-template <class... Rows>
-std::vector<RecordOps> makeOps(std::tuple<Rows...> *)
-{
-    return {{Rows::id, &decodeEncode<typename Rows::Payload>, &fromProto<typename Rows::Payload>,
-             &decodeDump<typename Rows::Payload>}...};
-}
-
-const std::vector<RecordOps> &allRecords()
-{
-    static const std::vector<RecordOps> ops = makeOps(static_cast<zelko::AllRows *>(nullptr));
-    return ops;
-}
 
 const Descriptor *schemaOf(uint16_t id)
 {
