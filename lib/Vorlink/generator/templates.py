@@ -180,7 +180,7 @@ struct Schema<${message}Payload>
 };
 """)
 
-SCHEMA_FIELD = T("\n        bridge(&${message}Payload::$name, &Message::$accessor, &Message::set_$accessor)")
+SCHEMA_FIELD = T("\n        bridge<&${message}Payload::$name, &Message::$accessor, &Message::set_$accessor>()")
 
 OVERLOAD_DEFS = T("""bool serializeProto(const ${message}Payload &record, const QDateTime &timestamp, short sequence, unsigned short msgId, QByteArray &out)
 {

@@ -12,45 +12,58 @@
 #include <QByteArray>
 #include <QDateTime>
 #include <QDebug>
+#include <QLoggingCategory>
 #include <QString>
 
 #include <string>
 #include <tuple>
+#include <type_traits>
 #include <unordered_map>
 
 namespace zelko {
 namespace detail {
 
-// One wire field as the schema message holds it. The record-to-schema and
+// One wire field as the schema message holds it: the record member and the
+// message's getter and setter, carried in the type so that every copy is a
+// direct call the compiler can inline. The record-to-schema and
 // schema-to-record rules are plain conversions between the two value types:
 // zero- or sign-extension one way and the low bits back, `!= 0` into a bool
 // and 0 or 1 out of it, and a float's bits unchanged.
-template <class Record, class Wire, class Message, class Proto>
+template <auto Member, auto Get, auto Set>
 struct BridgeField
 {
-    Wire Record::*member;
-    Proto (Message::*get)() const;
-    void (Message::*set)(Proto);
 };
 
-template <class Record, class Wire, class Message, class Proto>
-constexpr BridgeField<Record, Wire, Message, Proto> bridge(Wire Record::*member, Proto (Message::*get)() const,
-                                                           void (Message::*set)(Proto))
+template <auto Member, auto Get, auto Set>
+constexpr BridgeField<Member, Get, Set> bridge()
 {
-    return {member, get, set};
+    return {};
 }
 
-template <class Record, class Wire, class Message, class Proto>
-void toSchema(const Record &record, Message &message, const BridgeField<Record, Wire, Message, Proto> &f)
+template <class Record, class Message, auto Member, auto Get, auto Set>
+Q_ALWAYS_INLINE void toSchema(const Record &record, Message &message, BridgeField<Member, Get, Set>)
 {
-    (message.*f.set)(static_cast<Proto>((record.*f.member).value));
+    using Proto = std::decay_t<decltype((message.*Get)())>;
+    (message.*Set)(static_cast<Proto>((record.*Member).value));
 }
 
-template <class Record, class Wire, class Message, class Proto>
-void fromSchema(const Message &message, Record &record, const BridgeField<Record, Wire, Message, Proto> &f)
+template <class Record, class Message, auto Member, auto Get, auto Set>
+Q_ALWAYS_INLINE void fromSchema(const Message &message, Record &record, BridgeField<Member, Get, Set>)
 {
-    auto &value = (record.*f.member).value;
-    value = static_cast<std::remove_reference_t<decltype(value)>>((message.*f.get)());
+    auto &value = (record.*Member).value;
+    value = static_cast<std::remove_reference_t<decltype(value)>>((message.*Get)());
+}
+
+template <class Record, class Message, class... Fields>
+Q_ALWAYS_INLINE void copyToSchema(const Record &record, Message &message, std::tuple<Fields...>)
+{
+    (toSchema(record, message, Fields{}), ...);
+}
+
+template <class Record, class Message, class... Fields>
+Q_ALWAYS_INLINE void copyFromSchema(const Message &message, Record &record, std::tuple<Fields...>)
+{
+    (fromSchema(message, record, Fields{}), ...);
 }
 
 // Specialised once per record by the generated code: `Message`, `fields`,
@@ -69,8 +82,20 @@ inline void updateHeader(messages::Header &header, const QDateTime &timestamp, s
     header.set_msgid(msgId);
 }
 
+// qDebug() drops a line when the default category has debug output off, but
+// only after the line is made. These lines are written on every call of a
+// union message, so the category is asked first and the text made only when
+// it is written.
+inline bool defaultDebugEnabled()
+{
+    const QLoggingCategory *category = QLoggingCategory::defaultCategory();
+    return category == nullptr || category->isDebugEnabled();
+}
+
 inline void warnPartial(const char *messageName, const char *direction)
 {
+    if (!defaultDebugEnabled())
+        return;
     qDebug().noquote() << QStringLiteral("WARNING: MsgId=%1 contains union/oneof field(s); protobuf %2 is partial")
                               .arg(QLatin1String(messageName), QLatin1String(direction));
 }
@@ -84,7 +109,7 @@ bool serializeRecord(const Record &record, const QDateTime &timestamp, short seq
         warnPartial(S::unionName, "serialization");
     typename S::Message message;
     updateHeader(*message.mutable_header(), timestamp, sequence, msgId);
-    std::apply([&](const auto &...f) { (toSchema(record, message, f), ...); }, S::fields);
+    copyToSchema(record, message, S::fields);
     std::string bytes;
     const bool serialized = message.SerializeToString(&bytes);
     out = serialized ? QByteArray(bytes.data(), int(bytes.size())) : QByteArray();
@@ -100,7 +125,7 @@ bool deserializeRecord(const QByteArray &buffer, Record &record)
     typename S::Message message;
     if (!message.ParseFromArray(buffer.constData(), buffer.size()))
         return false;
-    std::apply([&](const auto &...f) { (fromSchema(message, record, f), ...); }, S::fields);
+    copyFromSchema(message, record, S::fields);
     return true;
 }
 
@@ -118,7 +143,8 @@ bool convertMessage(const QDateTime &timestamp, const Bytra::Can::Message &messa
 
 inline bool rejectUnknownId(const Bytra::Can::Message &message, QByteArray &out)
 {
-    qDebug().noquote() << QStringLiteral("WARNING: MsgId=0x%1 not handled").arg(qulonglong(message.msgId), 4, 16, QLatin1Char('0'));
+    if (defaultDebugEnabled())
+        qDebug().noquote() << QStringLiteral("WARNING: MsgId=0x%1 not handled").arg(qulonglong(message.msgId), 4, 16, QLatin1Char('0'));
     out = QByteArray();
     return false;
 }
