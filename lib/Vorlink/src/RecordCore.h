@@ -3,6 +3,7 @@
 // The one pattern behind every payload record: decode, encode and dump walk
 // the record's field list, which the generated code gives as a Layout.
 
+#include "Bytra/Log.h"
 #include "Bytra/Types.h"
 
 #include <QByteArray>
@@ -13,6 +14,8 @@
 
 #include <cstddef>
 #include <tuple>
+#include <type_traits>
+#include <utility>
 
 namespace zelko {
 namespace detail {
@@ -49,23 +52,67 @@ constexpr int wireSize()
     return std::apply([](const auto &...f) { return (0 + ... + widthOf(f)); }, Layout<Record>::fields);
 }
 
+// The field name goes to getValue by value, and getValue only prints it when
+// the value does not fit and the category lets the warning through; only then
+// is it made into a QString.
 template <class Wire>
-inline bool readField(const QByteArray &buffer, int &position, Wire &out, QLatin1String name)
+Q_ALWAYS_INLINE bool readField(const QByteArray &buffer, int &position, Wire &out, QLatin1String name)
 {
-    // getValue takes the field name by value; the name is only printed when
-    // the value does not fit, so only then is it made into a QString.
     constexpr int width = int(sizeof(out.bytes));
-    const bool fits = position <= buffer.size() - width;
-    return Bytra::Types::getValue(buffer, position, out, fits ? QString() : QString(name));
+    const bool printed = position > buffer.size() - width && Bytra::logTypes().isWarningEnabled();
+    return Bytra::Types::getValue(buffer, position, out, printed ? QString(name) : QString());
+}
+
+template <class Record, std::size_t... I>
+Q_ALWAYS_INLINE bool readFields(Record &record, const QByteArray &buffer, std::index_sequence<I...>)
+{
+    constexpr const auto &fields = Layout<Record>::fields;
+    int position = 0;
+    return (true && ... &&
+            readField(buffer, position, record.*(std::get<I>(fields).member), std::get<I>(fields).name));
+}
+
+// A buffer that holds the whole record: every getValue call succeeds, so none
+// needs the field's name and none can stop the decode early.
+template <class Record, std::size_t... I>
+Q_ALWAYS_INLINE void readAllFields(Record &record, const QByteArray &buffer, std::index_sequence<I...>)
+{
+    constexpr const auto &fields = Layout<Record>::fields;
+    int position = 0;
+    (Bytra::Types::getValue(buffer, position, record.*(std::get<I>(fields).member), QString()), ...);
+}
+
+template <class Record>
+constexpr std::size_t fieldCount()
+{
+    return std::tuple_size_v<std::remove_cv_t<decltype(Layout<Record>::fields)>>;
+}
+
+// A buffer too short for the record: the fields are read one by one until the
+// first that does not fit, whose getValue call writes the warning.
+template <class Record>
+Q_NEVER_INLINE bool readShort(Record &record, const QByteArray &buffer)
+{
+    return readFields(record, buffer, std::make_index_sequence<fieldCount<Record>()>());
 }
 
 template <class Record>
 bool decodeRecord(Record &record, const QByteArray &buffer)
 {
-    int position = 0;
-    return std::apply(
-        [&](const auto &...f) { return (true && ... && readField(buffer, position, record.*f.member, f.name)); },
-        Layout<Record>::fields);
+    if constexpr (fieldCount<Record>() == 0) {
+        return true;
+    } else {
+        if (Q_UNLIKELY(buffer.size() < wireSize<Record>()))
+            return readShort(record, buffer);
+        // Every field is read, into a local record that is then stored whole: a
+        // store into the caller's record could, for all the compiler knows,
+        // change the buffer, which would make it reload the buffer and recheck
+        // every copy for overlap.
+        Record local;
+        readAllFields(local, buffer, std::make_index_sequence<fieldCount<Record>()>());
+        record = local;
+        return true;
+    }
 }
 
 template <class Wire>

@@ -33,7 +33,7 @@ void warnNotEnoughData(int position, int width, const char *typeName, const QByt
 // would run past the end of `buffer` is not read: `position` and `out` stay,
 // a warning names the field, and the result is false.
 template <typename T>
-bool getValue(const QByteArray &buffer, int &position, T &out, QString valueName)
+Q_ALWAYS_INLINE bool getValue(const QByteArray &buffer, int &position, T &out, QString valueName)
 {
     constexpr int width = int(sizeof(out.bytes));
     if (position > buffer.size() - width) {
