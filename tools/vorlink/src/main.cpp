@@ -234,6 +234,24 @@ const char *const synthHelp =
     "  --start SECONDS   time of the first message, whole seconds since 1970\n"
     "  -h, --help        show this help\n";
 
+// Closes a decode or encode run: flushes the output and sums up what was rejected.
+int finishRun(const char *command, const LineReader &input, const Rejects &rejects, Progress &progress, Writer &out,
+              bool strict)
+{
+    progress.clear();
+    out.flush();
+    if (input.readError() != 0) {
+        std::fprintf(stderr, "vorlink %s: %s: %s\n", command, input.name().c_str(), std::strerror(input.readError()));
+        return exitRejected;
+    }
+    if (rejects.count() > 0) {
+        std::fprintf(stderr, "vorlink %s: %lld line%s rejected%s\n", command, rejects.count(),
+                     rejects.count() == 1 ? "" : "s", strict ? ", stopped (--strict)" : "");
+        return exitRejected;
+    }
+    return out.failed() ? exitRejected : exitOk;
+}
+
 // --------------------------------------------------------------- decode
 
 enum class Format { Dump, Json, Text, Binary };
@@ -388,18 +406,7 @@ int runDecode(int argc, char **argv)
         }
         }
     }
-    progress.clear();
-    out.flush();
-    if (input.readError() != 0) {
-        std::fprintf(stderr, "vorlink decode: %s: %s\n", input.name().c_str(), std::strerror(input.readError()));
-        return exitRejected;
-    }
-    if (rejects.count() > 0) {
-        std::fprintf(stderr, "vorlink decode: %lld line%s rejected%s\n", rejects.count(),
-                     rejects.count() == 1 ? "" : "s", strict ? ", stopped (--strict)" : "");
-        return exitRejected;
-    }
-    return out.failed() ? exitRejected : exitOk;
+    return finishRun("decode", input, rejects, progress, out, strict);
 }
 
 // --------------------------------------------------------------- encode
@@ -444,18 +451,7 @@ int runEncode(int argc, char **argv)
         out.buffer().push_back('\n');
         out.commit();
     }
-    progress.clear();
-    out.flush();
-    if (input.readError() != 0) {
-        std::fprintf(stderr, "vorlink encode: %s: %s\n", input.name().c_str(), std::strerror(input.readError()));
-        return exitRejected;
-    }
-    if (rejects.count() > 0) {
-        std::fprintf(stderr, "vorlink encode: %lld line%s rejected%s\n", rejects.count(),
-                     rejects.count() == 1 ? "" : "s", strict ? ", stopped (--strict)" : "");
-        return exitRejected;
-    }
-    return out.failed() ? exitRejected : exitOk;
+    return finishRun("encode", input, rejects, progress, out, strict);
 }
 
 // ----------------------------------------------------------------- list
