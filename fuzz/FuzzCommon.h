@@ -8,6 +8,7 @@
 #include "ZelkoMsgRowList.h"
 
 #include <QByteArray>
+#include <QLoggingCategory>
 #include <QtGlobal>
 
 #include <array>
@@ -21,9 +22,33 @@
 namespace fuzz {
 
 // The library logs bad input by design (unknown ids, short payloads, union
-// warnings, dumps). Formatting still runs; only the output is dropped.
+// warnings, dumps). The lines are still made, whatever the machine's logging
+// configuration, so their formatting is fuzzed too; only the output is dropped.
 inline void silentHandler(QtMsgType, const QMessageLogContext &, const QString &) {}
-inline void silenceLog() { qInstallMessageHandler(silentHandler); }
+
+inline QLoggingCategory::CategoryFilter &previousFilter()
+{
+    static QLoggingCategory::CategoryFilter filter = nullptr;
+    return filter;
+}
+
+inline void libraryLogOn(QLoggingCategory *category)
+{
+    if (previousFilter())
+        previousFilter()(category);
+    if (qstrcmp(category->categoryName(), "default") == 0 || qstrcmp(category->categoryName(), "bytra.types") == 0) {
+        category->setEnabled(QtDebugMsg, true);
+        category->setEnabled(QtWarningMsg, true);
+    }
+}
+
+inline void enableLibraryLog() { previousFilter() = QLoggingCategory::installFilter(libraryLogOn); }
+
+inline void silenceLog()
+{
+    enableLibraryLog();
+    qInstallMessageHandler(silentHandler);
+}
 
 // A broken expectation: print it and abort, which libFuzzer records as a crash
 // with the input that caused it.

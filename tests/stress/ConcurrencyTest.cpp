@@ -11,6 +11,7 @@
 
 #include <QByteArray>
 #include <QDateTime>
+#include <QLoggingCategory>
 #include <QString>
 #include <QtGlobal>
 
@@ -44,6 +45,22 @@ void captureLine(QtMsgType, const QMessageLogContext &, const QString &text)
     lastLine = text;
     linesLogged.fetch_add(1, std::memory_order_relaxed);
 }
+
+// The library's debug lines and the wire reader's warnings are on, over any
+// logging rules of the machine or the environment.
+QLoggingCategory::CategoryFilter previousFilter = nullptr;
+
+void libraryLogOn(QLoggingCategory *category)
+{
+    if (previousFilter)
+        previousFilter(category);
+    if (qstrcmp(category->categoryName(), "default") == 0 || qstrcmp(category->categoryName(), "bytra.types") == 0) {
+        category->setEnabled(QtDebugMsg, true);
+        category->setEnabled(QtWarningMsg, true);
+    }
+}
+
+void enableLibraryLog() { previousFilter = QLoggingCategory::installFilter(libraryLogOn); }
 
 int envInt(const char *name, int fallback)
 {
@@ -354,6 +371,9 @@ TEST(FirstCallRace, FreshProcessesAgreeOnEveryName)
 
 int main(int argc, char **argv)
 {
+    // The dump and warning lines are compared and counted, so they must be
+    // made whatever the machine's logging configuration says.
+    enableLibraryLog();
     // No call into the library may come before this branch: the child's
     // first call of msgIdToProtoName is the one being raced.
     if (argc == 2 && std::strcmp(argv[1], raceFlag) == 0)
