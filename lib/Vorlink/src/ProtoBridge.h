@@ -175,7 +175,14 @@ public:
     }
 
 private:
-    std::unordered_map<unsigned short, std::string> names_;
+    // A hash of the library's own keeps the map's template code hidden with
+    // the rest of the library; std::hash would make it an exported symbol.
+    struct IdHash
+    {
+        std::size_t operator()(unsigned short msgId) const { return msgId; }
+    };
+
+    std::unordered_map<unsigned short, std::string, IdHash> names_;
     const std::string none_;
 };
 
