@@ -16,9 +16,12 @@ OPERATION = re.compile(
 MEMBER = re.compile(r"zelko::(\w+Payload)::(fromQByteArray|toQByteArray|dump)\(")
 # The generated protobuf code, compiled with default visibility: its classes,
 # its file-level descriptor table, and protobuf templates instantiated for it.
+# Under AddressSanitizer each of its globals also gets a one-definition-rule
+# marker, __odr_asan.<mangled name>, which nm does not demangle.
 PROTOBUF = re.compile(
     r"(^|[ <(])zelko::messages::|^(typeinfo|typeinfo name|vtable) for google::protobuf::"
-    r"|^(\w+ )?google::protobuf::|^(descriptor_table|TableStruct)_ZelkoMsgDefs_2eproto")
+    r"|^(\w+ )?google::protobuf::|^(__odr_asan\.)?(descriptor_table|TableStruct)_ZelkoMsgDefs_2eproto"
+    r"|^__odr_asan\._ZN5zelko8messages")
 
 
 def exported():
