@@ -2,9 +2,8 @@
 // takes as a message is written back out and read again, and handed to the
 // library the way the tool hands it on.
 
-#include "FuzzCommon.h"
+#include "LineFuzz.h"
 
-#include "BusLog.h"
 #include "ZelkoMsgDefs.pb.h"
 #include "ZelkoMsgProtoUtils.h"
 
@@ -21,15 +20,9 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
-    // The reader gets one line at a time, without its newline.
-    std::string_view line(reinterpret_cast<const char *>(data), size);
-    line = line.substr(0, line.find('\n'));
-
+    std::string_view line;
     vorlink::BusLogEntry entry;
-    entry.payload = QByteArray("bytes of an earlier line");
-    const vorlink::LineResult result = vorlink::parseBusLogLine(line, entry);
-    FUZZ_EXPECT(result.kind == vorlink::LineResult::Error ? !result.reason.empty() : result.reason.empty(), 0);
-    if (!result.isMessage())
+    if (!fuzz::readFirstLine(data, size, vorlink::parseBusLogLine, line, entry))
         return 0;
 
     const unsigned id = entry.msgId;
@@ -46,13 +39,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     FUZZ_EXPECT(again.msgId == entry.msgId, id);
     FUZZ_EXPECT(again.payload == entry.payload, id);
 
-    Bytra::Can::Message message;
-    message.msgId = entry.msgId;
-    message.sequence = entry.sequence;
-    message.payload = entry.payload;
     QByteArray out;
     const QDateTime when = QDateTime::fromMSecsSinceEpoch(entry.msecs, Qt::UTC);
-    if (zelko::canMessageToProtobufByteArray(when, message, out)) {
+    if (zelko::canMessageToProtobufByteArray(when, fuzz::canMessageOf(entry), out)) {
         zelko::messages::Envelope envelope;
         FUZZ_EXPECT(envelope.ParseFromArray(out.constData(), out.size()), id);
         FUZZ_EXPECT(envelope.header().msgid() == id, id);

@@ -2,9 +2,8 @@
 // tool's reader. What it accepts must be a message the library converts, with
 // the header the line gave.
 
-#include "FuzzCommon.h"
+#include "LineFuzz.h"
 
-#include "BusLog.h"
 #include "ZelkoMsgDefs.pb.h"
 #include "ZelkoMsgProtoUtils.h"
 
@@ -20,27 +19,18 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
-    std::string_view line(reinterpret_cast<const char *>(data), size);
-    line = line.substr(0, line.find('\n'));
-
+    std::string_view line;
     vorlink::BusLogEntry entry;
-    entry.payload = QByteArray("bytes of an earlier line");
-    const vorlink::LineResult result = vorlink::parseJsonLine(line, entry);
-    FUZZ_EXPECT(result.kind == vorlink::LineResult::Error ? !result.reason.empty() : result.reason.empty(), 0);
-    if (!result.isMessage())
+    if (!fuzz::readFirstLine(data, size, vorlink::parseJsonLine, line, entry))
         return 0;
 
     // Only ids of the dictionary are accepted, and the payload is a whole
     // record: the conversion cannot fail.
     const unsigned id = entry.msgId;
     FUZZ_EXPECT(!zelko::msgIdToProtoName(entry.msgId).empty(), id);
-    Bytra::Can::Message message;
-    message.msgId = entry.msgId;
-    message.sequence = entry.sequence;
-    message.payload = entry.payload;
     QByteArray out;
     const QDateTime when = QDateTime::fromMSecsSinceEpoch(entry.msecs, Qt::UTC);
-    FUZZ_EXPECT(zelko::canMessageToProtobufByteArray(when, message, out), id);
+    FUZZ_EXPECT(zelko::canMessageToProtobufByteArray(when, fuzz::canMessageOf(entry), out), id);
     zelko::messages::Envelope envelope;
     FUZZ_EXPECT(envelope.ParseFromArray(out.constData(), out.size()), id);
     FUZZ_EXPECT(envelope.header().msgid() == id, id);
