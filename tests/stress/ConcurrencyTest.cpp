@@ -68,6 +68,29 @@ int envInt(const char *name, int fallback)
     return v && *v ? std::atoi(v) : fallback;
 }
 
+// Runs work(t) for t in [0, threads) on threads of their own, released
+// together once all have started so that their first calls overlap.
+template <class Work>
+void runTogether(int threads, Work work)
+{
+    std::atomic<int> ready{0};
+    std::atomic<bool> go{false};
+    std::vector<std::thread> pool;
+    for (int t = 0; t < threads; ++t) {
+        pool.emplace_back([&, t] {
+            ready.fetch_add(1);
+            while (!go.load(std::memory_order_acquire))
+                std::this_thread::yield();
+            work(t);
+        });
+    }
+    while (ready.load() < threads)
+        std::this_thread::yield();
+    go.store(true, std::memory_order_release);
+    for (std::thread &th : pool)
+        th.join();
+}
+
 // ---------------------------------------------------------------------------
 // One row of the dictionary, exercised through every public operation. The
 // same function computes the single-threaded reference and the result each
@@ -203,34 +226,21 @@ TEST_F(ConcurrencyTest, EveryRowFromManyThreadsMatchesTheSingleThreadedResult)
 
     const int threads = envInt("VORLINK_STRESS_THREADS", 6);
     const int rounds = envInt("VORLINK_STRESS_ROUNDS", 4);
-    std::atomic<bool> go{false};
-    std::atomic<int> ready{0};
     std::vector<std::vector<std::size_t>> mismatches(static_cast<std::size_t>(threads));
     const long linesBefore = linesLogged.load();
 
-    std::vector<std::thread> pool;
-    for (int t = 0; t < threads; ++t) {
-        pool.emplace_back([&, t] {
-            ready.fetch_add(1);
-            while (!go.load(std::memory_order_acquire))
-                std::this_thread::yield();
-            // Each thread starts at another row, so different rows and the
-            // same rows overlap between threads.
-            const std::size_t n = cases.size();
-            for (int round = 0; round < rounds; ++round) {
-                for (std::size_t j = 0; j < n; ++j) {
-                    const std::size_t i = (j + std::size_t(t) * n / std::size_t(threads)) % n;
-                    if (!(cases[i].exercise(inputs[i]) == expected[i]))
-                        mismatches[std::size_t(t)].push_back(i);
-                }
+    runTogether(threads, [&](int t) {
+        // Each thread starts at another row, so different rows and the same
+        // rows overlap between threads.
+        const std::size_t n = cases.size();
+        for (int round = 0; round < rounds; ++round) {
+            for (std::size_t j = 0; j < n; ++j) {
+                const std::size_t i = (j + std::size_t(t) * n / std::size_t(threads)) % n;
+                if (!(cases[i].exercise(inputs[i]) == expected[i]))
+                    mismatches[std::size_t(t)].push_back(i);
             }
-        });
-    }
-    while (ready.load() < threads)
-        std::this_thread::yield();
-    go.store(true, std::memory_order_release);
-    for (std::thread &th : pool)
-        th.join();
+        }
+    });
 
     for (int t = 0; t < threads; ++t) {
         for (std::size_t i : mismatches[std::size_t(t)])
@@ -268,19 +278,14 @@ TEST_F(ConcurrencyTest, FailingInputsFromManyThreadsLeaveOutEmpty)
     const QDateTime when = QDateTime::fromMSecsSinceEpoch(-1500, Qt::UTC);
     const int threads = envInt("VORLINK_STRESS_THREADS", 6);
     std::atomic<int> wrong{0};
-    std::vector<std::thread> pool;
-    for (int t = 0; t < threads; ++t) {
-        pool.emplace_back([&] {
-            QByteArray out("left over from before");
-            for (const Bytra::Can::Message &m : bad) {
-                out = QByteArray("left over from before");
-                if (zelko::canMessageToProtobufByteArray(when, m, out) || !out.isEmpty())
-                    wrong.fetch_add(1);
-            }
-        });
-    }
-    for (std::thread &th : pool)
-        th.join();
+    runTogether(threads, [&](int) {
+        QByteArray out;
+        for (const Bytra::Can::Message &m : bad) {
+            out = QByteArray("left over from before");
+            if (zelko::canMessageToProtobufByteArray(when, m, out) || !out.isEmpty())
+                wrong.fetch_add(1);
+        }
+    });
     EXPECT_EQ(wrong.load(), 0);
 }
 
@@ -313,29 +318,16 @@ int raceFirstCall()
     ids.push_back(0x0001); // no row
 
     const int threads = envInt("VORLINK_STRESS_THREADS", 6);
-    std::atomic<int> ready{0};
-    std::atomic<bool> go{false};
     // first[t][i]: the reference thread t got for ids[i].
     std::vector<std::vector<const std::string *>> first(std::size_t(threads),
                                                         std::vector<const std::string *>(ids.size()));
-    std::vector<std::thread> pool;
-    for (int t = 0; t < threads; ++t) {
-        pool.emplace_back([&, t] {
-            ready.fetch_add(1);
-            while (!go.load(std::memory_order_acquire))
-                std::this_thread::yield();
-            // Every thread's first call lands on another id.
-            for (std::size_t j = 0; j < ids.size(); ++j) {
-                const std::size_t i = (j + std::size_t(t) * 79u) % ids.size();
-                first[std::size_t(t)][i] = &zelko::msgIdToProtoName(ids[i]);
-            }
-        });
-    }
-    while (ready.load() < threads)
-        std::this_thread::yield();
-    go.store(true, std::memory_order_release);
-    for (std::thread &th : pool)
-        th.join();
+    runTogether(threads, [&](int t) {
+        // Every thread's first call lands on another id.
+        for (std::size_t j = 0; j < ids.size(); ++j) {
+            const std::size_t i = (j + std::size_t(t) * 79u) % ids.size();
+            first[std::size_t(t)][i] = &zelko::msgIdToProtoName(ids[i]);
+        }
+    });
 
     int errors = 0;
     for (std::size_t i = 0; i < ids.size(); ++i) {
