@@ -54,16 +54,18 @@ std::string quoted(std::string_view field)
     return text;
 }
 
-LineResult error(std::string reason)
+LineResult error(const char *cause, std::string reason)
 {
     LineResult r;
     r.kind = LineResult::Error;
+    r.cause = cause;
     r.reason = std::move(reason);
     return r;
 }
 
-// Seconds since the epoch with at most three decimals, into milliseconds.
-bool parseTime(std::string_view text, qint64 &msecs)
+} // namespace
+
+bool parseBusLogTime(std::string_view text, qint64 &msecs)
 {
     std::size_t i = 0;
     qint64 seconds = 0;
@@ -92,6 +94,8 @@ bool parseTime(std::string_view text, qint64 &msecs)
     msecs = seconds * 1000 + millis;
     return msecs <= maxBusLogMsecs;
 }
+
+namespace {
 
 bool parseSequence(std::string_view text, quint16 &sequence)
 {
@@ -131,20 +135,20 @@ LineResult parseBusLogLine(std::string_view line, BusLogEntry &entry)
     if (time.empty() || time.front() == '#')
         return {};
 
-    if (!parseTime(time, entry.msecs))
-        return error("time " + quoted(time) + " is not seconds since 1970 (0 to 253402300799.999, up to 3 decimals)");
+    if (!parseBusLogTime(time, entry.msecs))
+        return error("bad time", "time " + quoted(time) + " is not seconds since 1970 (0 to 253402300799.999, up to 3 decimals)");
 
     const std::string_view sequence = nextField(rest);
     if (sequence.empty())
-        return error("line ends after the time; sequence, id and payload are missing");
+        return error("fields missing", "line ends after the time; sequence, id and payload are missing");
     if (!parseSequence(sequence, entry.sequence))
-        return error("sequence " + quoted(sequence) + " is not a decimal number from 0 to 65535");
+        return error("bad sequence", "sequence " + quoted(sequence) + " is not a decimal number from 0 to 65535");
 
     const std::string_view id = nextField(rest);
     if (id.empty())
-        return error("line ends after the sequence; id and payload are missing");
+        return error("fields missing", "line ends after the sequence; id and payload are missing");
     if (!parseId(id, entry.msgId))
-        return error("id " + quoted(id) + " is not a hexadecimal number from 0x0000 to 0xFFFF");
+        return error("bad id", "id " + quoted(id) + " is not a hexadecimal number from 0x0000 to 0xFFFF");
 
     std::string_view payload = nextField(rest);
     if (!payload.empty() && payload.front() == '#') {   // a comment where the payload would be
@@ -155,10 +159,10 @@ LineResult parseBusLogLine(std::string_view line, BusLogEntry &entry)
     }
     const std::string_view after = nextField(rest);
     if (!after.empty() && after.front() != '#')
-        return error("unexpected " + quoted(after) + " after the payload");
+        return error("text after the payload", "unexpected " + quoted(after) + " after the payload");
 
     if (payload.size() % 2 != 0)
-        return error("payload has an odd number of hexadecimal digits (" + std::to_string(payload.size()) + ")");
+        return error("bad payload", "payload has an odd number of hexadecimal digits (" + std::to_string(payload.size()) + ")");
     const int bytes = int(payload.size() / 2);
     entry.payload.resize(bytes);
     char *out = entry.payload.data();
@@ -167,7 +171,7 @@ LineResult parseBusLogLine(std::string_view line, BusLogEntry &entry)
         const int lo = hexDigit(payload[std::size_t(2 * k + 1)]);
         if ((hi | lo) < 0) {
             const std::size_t at = std::size_t(2 * k) + (hi < 0 ? 0 : 1);
-            return error("payload has " + quoted(payload.substr(at, 1)) + " at digit " + std::to_string(at + 1) +
+            return error("bad payload", "payload has " + quoted(payload.substr(at, 1)) + " at digit " + std::to_string(at + 1) +
                          ", which is not hexadecimal");
         }
         out[k] = char((hi << 4) | lo);

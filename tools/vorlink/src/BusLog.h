@@ -35,6 +35,7 @@ struct LineResult
     enum Kind { Message, Skip, Error };
     Kind kind = Skip;
     std::string reason;      // set for Error only: what is wrong, in a few words
+    const char *cause = "";  // set for Error only: the kind of fault, for counting ("bad time")
 
     bool isMessage() const { return kind == Message; }
 };
@@ -42,6 +43,16 @@ struct LineResult
 // Largest time a line may carry: 9999-12-31T23:59:59.999Z, the end of what a
 // protobuf Timestamp holds.
 constexpr qint64 maxBusLogMsecs = 253402300799999LL;
+
+// Reads a bus-log time: seconds since 1970 with at most three decimals.
+bool parseBusLogTime(std::string_view text, qint64 &msecs);
+
+// Appends a time as ISO 8601 UTC with milliseconds: 2023-11-14T22:13:20.123Z.
+void appendIsoTime(qint64 msecs, std::string &out);
+
+// Reads a time as a bus log writes it, or as ISO 8601 (UTC unless the text
+// gives an offset).
+bool parseTimeArgument(const std::string &text, qint64 &msecs);
 
 // Parses one bus-log line. On Message, `entry` holds its fields; on Skip and
 // Error, `entry` is unspecified. Does not check the id against the dictionary.

@@ -97,6 +97,29 @@ bool LineReader::next(std::string_view &line)
     }
 }
 
+std::string_view LineReader::peek()
+{
+    if (begin_ == end_ && !eof_)
+        fill();
+    return std::string_view(buffer_.data() + begin_, end_ - begin_);
+}
+
+bool LineReader::nextChunk(std::string_view &chunk)
+{
+    if (begin_ == end_ && (eof_ || !fill()))
+        return false;
+    chunk = std::string_view(buffer_.data() + begin_, end_ - begin_);
+    consumed_ += static_cast<long long>(chunk.size());
+    begin_ = end_;
+    return true;
+}
+
+void LineReader::backUp(std::size_t count)
+{
+    begin_ -= count;
+    consumed_ -= static_cast<long long>(count);
+}
+
 bool Writer::flush()
 {
     const char *p = buffer_.data();
@@ -161,11 +184,24 @@ void Progress::clear()
     shown_ = false;
 }
 
-void Rejects::report(long long line, const std::string &reason)
+void Rejects::report(long long line, const char *cause, const std::string &reason)
 {
     progress_.clear();
     std::fprintf(stderr, "%s:%lld: %s\n", input_.c_str(), line, reason.c_str());
+    count(cause);
+}
+
+void Rejects::reportOffset(long long offset, const char *cause, const std::string &reason)
+{
+    progress_.clear();
+    std::fprintf(stderr, "%s: byte %lld: %s\n", input_.c_str(), offset, reason.c_str());
+    count(cause);
+}
+
+void Rejects::count(const char *cause)
+{
     ++count_;
+    ++byCause_[cause];
 }
 
 } // namespace vorlink

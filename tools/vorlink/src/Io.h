@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -24,6 +25,14 @@ public:
     long long totalBytes() const { return total_; }   // -1 when not known (a pipe)
     const std::string &name() const { return name_; }
     int readError() const { return readError_; }
+
+    // Byte access, for a binary stream: the unread bytes without taking them
+    // (read once if none are buffered; empty at the end) ...
+    std::string_view peek();
+    // ... the unread bytes, all taken (false at the end) ...
+    bool nextChunk(std::string_view &chunk);
+    // ... and the last `count` of them given back.
+    void backUp(std::size_t count);
 
 private:
     bool fill();
@@ -102,13 +111,20 @@ class Rejects
 {
 public:
     Rejects(const std::string &input, Progress &progress) : input_(input), progress_(progress) {}
-    void report(long long line, const std::string &reason);
+    // `cause` names the kind of fault ("bad time"), for the counts by cause.
+    void report(long long line, const char *cause, const std::string &reason);
+    // The same for a record of a binary stream, at its byte offset.
+    void reportOffset(long long offset, const char *cause, const std::string &reason);
     long long count() const { return count_; }
+    const std::map<std::string, long long> &byCause() const { return byCause_; }
 
 private:
     std::string input_;
     Progress &progress_;
     long long count_ = 0;
+    std::map<std::string, long long> byCause_;
+
+    void count(const char *cause);
 };
 
 } // namespace vorlink

@@ -19,6 +19,7 @@ LineResult error(std::string reason)
 {
     LineResult r;
     r.kind = LineResult::Error;
+    r.cause = "bad JSON line";
     r.reason = std::move(reason);
     return r;
 }

@@ -4,11 +4,13 @@ formats, rejected lines, the round trip through JSON, and the dictionary
 listing checked against the message list the library is generated from."""
 
 import argparse
+import datetime
 import json
 import os
 import pty
 import re
 import select
+import struct
 import subprocess
 import sys
 import tempfile
@@ -212,6 +214,122 @@ class RoundTrip(unittest.TestCase):
         out = r.stdout.decode().splitlines()
         self.assertEqual(out[0], "0.000 3 0x0280 01000000")
         self.assertEqual(out[1].split()[3][48:50], "2c")
+
+
+class Questions(unittest.TestCase):
+    """Selection, stats, CSV and encode from every format, on one synth log."""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.tmp = tempfile.TemporaryDirectory()
+        cls.log = os.path.join(cls.tmp.name, "synth.log")
+        with open(cls.log, "wb") as f:
+            f.write(run("synth", "--count", "3000", "--seed", "9").stdout)
+        cls.lines = [l.split() for l in message_lines(read_text(cls.log))]
+        cls.rows = read_rows(ROWS)
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.tmp.cleanup()
+
+    def selected_ids(self, *args):
+        r = run("decode", "--format", "binary", *args, self.log)
+        self.assertEqual((r.returncode, r.stderr), (0, b""), args)
+        out = run("encode", "--from", "binary", stdin=r.stdout)
+        return [l.split() for l in out.stdout.decode().splitlines()]
+
+    def test_message_and_time_select_exactly_the_lines(self):
+        rows = self.rows
+        dd = {i for i, r in rows.items() if re.match(r"Dd[A-Z]", r[1])}
+        t0, t1 = 1700000010.0, 1700000020.5
+        iso0, iso1 = "2023-11-14T22:13:30Z", "2023-11-14T22:13:40.500"
+        cases = [
+            (["--message", "0x0100"], lambda i, t: i == 0x100),
+            (["--message", "MSG_ID_ALARM_STATUS_DATA", "--message", "tdevent"], lambda i, t: i in (0x100, 0x1700)),
+            (["--message", "dd"], lambda i, t: i in dd),
+            (["--from", str(t0), "--to", str(t1)], lambda i, t: t0 <= t <= t1),
+            (["--message", "Dd", "--from", iso0, "--to", iso1], lambda i, t: i in dd and t0 <= t <= t1),
+        ]
+        for args, wanted in cases:
+            want = [l for l in self.lines if wanted(int(l[2], 16), float(l[0]))]
+            self.assertTrue(0 < len(want) < len(self.lines), args)
+            got = self.selected_ids(*args)
+            self.assertEqual([l[:3] for l in got], [l[:3] for l in want], args)
+            stats = json.loads(run("stats", "--format", "json", *args, self.log).stdout)
+            self.assertEqual(stats["totals"]["messages"], len(want), args)
+            self.assertEqual(stats["totals"]["leftOut"], len(self.lines) - len(want), args)
+        for args in (["--message", "DdTemprature"], ["--message", "0x0001"], ["--from", "soon"],
+                     ["--from", "20", "--to", "10"]):
+            r = run("stats", *args, self.log)
+            self.assertEqual((r.returncode, r.stdout), (2, b""), args)
+        self.assertIn("nearest: DdTemperatureData", run("decode", "--message", "DdTemprature", self.log).stderr.decode())
+
+    def test_stats_counts_times_bytes_and_rejected_causes(self):
+        stats = json.loads(run("stats", "--format", "json", self.log).stdout)
+        seen = {}
+        for t, _, i, p in self.lines:
+            s = seen.setdefault(int(i, 16), [0, t, t, 0])
+            s[0] += 1
+            s[2] = t
+            s[3] += 0 if p == "-" else len(p) // 2
+        self.assertEqual(len(stats["messages"]), len(seen))
+        for m in stats["messages"]:
+            count, first, last, size = seen[m["id"]]
+            self.assertEqual((m["count"], m["payloadBytes"], m["message"]),
+                             (count, size, self.rows[m["id"]][1]))
+            for iso, t in ((m["first"], first), (m["last"], last)):
+                self.assertEqual(iso, datetime.datetime.fromtimestamp(float(t), datetime.timezone.utc)
+                                 .isoformat(timespec="milliseconds").replace("+00:00", "Z"))
+            if count > 1 and last != first:
+                self.assertAlmostEqual(m["rateHz"], (count - 1) / (float(last) - float(first)), places=6)
+        bad = run("stats", os.path.join(EXAMPLES, "malformed.log"))
+        self.assertEqual(bad.returncode, 1)
+        text = bad.stdout.decode()
+        for cause in ("payload too short", "unknown id", "bad payload", "bad sequence", "bad time"):
+            self.assertRegex(text, rf"\n  {cause} +\d+\n")
+        self.assertIn("2 messages of 2 types; 0 lines left out by the selection; 6 lines rejected", text)
+
+    def test_csv_of_a_float_message_reads_back_to_the_same_floats(self):
+        r = run("decode", "--format", "csv", "--message", "DdTemperatureData", self.log)
+        self.assertEqual(r.returncode, 0)
+        header, *rows = r.stdout.decode().splitlines()
+        names = [n for n, _ in self.rows[0x2600][3]]
+        self.assertEqual(header.split(","), ["time", "sequence", "msgId"] + names)
+        want = [l for l in self.lines if int(l[2], 16) == 0x2600]
+        self.assertEqual(len(rows), len(want))
+        for row, (t, seq, _, payload) in zip(rows, want):
+            cells = row.split(",")
+            self.assertEqual(int(cells[1]) & 0xFFFF, int(seq))
+            self.assertEqual(int(cells[2]), 0x2600)
+            floats = struct.unpack(f"<{len(names)}f", bytes.fromhex(payload)[:4 * len(names)])
+            self.assertEqual([struct.pack("<f", float(c)) for c in cells[3:]], [struct.pack("<f", f) for f in floats])
+        union = run("decode", "--format", "csv", "--message", "TdEvent",
+                    stdin=b"1.5 1 0x1700 0900000001000000020000002a00000003000000\n")
+        self.assertEqual(union.stdout.decode().splitlines()[1], "1970-01-01T00:00:01.500Z,1,5888,9,1,,,,,2,,,,")
+        for args in ([], ["--message", "Dd"]):
+            r = run("decode", "--format", "csv", *args, self.log)
+            self.assertEqual((r.returncode, r.stdout), (2, b""), args)
+
+    def test_encode_reads_back_every_format(self):
+        want = run("encode", stdin=run("decode", "--format", "json", self.log).stdout).stdout
+        self.assertEqual(len(want.splitlines()), len(self.lines))
+        for form in ("binary", "text", "json"):
+            data = run("decode", "--format", form, self.log).stdout
+            for args in (["--from", form], []):
+                back = run("encode", *args, stdin=data)
+                self.assertEqual((back.returncode, back.stderr, back.stdout), (0, b"", want), (form, args))
+        # A broken record in a binary stream is reported at its byte offset, the ones around it kept.
+        frames = read_delimited(run("decode", "--format", "binary", self.log).stdout)[:3]
+        stream = b"".join(bytes([len(f)]) + f for f in (frames[0], b"\x0a\x02\x08", frames[2]))
+        r = run("encode", stdin=stream)
+        self.assertEqual(r.returncode, 1)
+        self.assertIn(f"<stdin>: byte {len(frames[0]) + 1}: ", r.stderr.decode())
+        self.assertEqual(len(r.stdout.splitlines()), 2)
+        text = b"header { msgId: 256 }\nalarmState: x\n\nheader { msgId: 256 }\nalarmState: 3\n"
+        r = run("encode", "--from", "text", stdin=text)
+        self.assertEqual(r.returncode, 1)
+        self.assertIn("<stdin>:1: does not fit zelko.messages.AlarmStatusData", r.stderr.decode())
+        self.assertEqual(r.stdout, b"0.000 0 0x0100 0300000000000000000000000000\n")
 
 
 class List(unittest.TestCase):

@@ -1,0 +1,89 @@
+#include "Command.h"
+#include "Io.h"
+
+#include <QLoggingCategory>
+#include <QString>
+
+#include <cstdio>
+#include <cstring>
+
+namespace vorlink {
+namespace {
+
+Writer *dumpTarget = nullptr;
+bool verboseLog = false;
+
+void messageHandler(QtMsgType type, const QMessageLogContext &context, const QString &text)
+{
+    if (dumpTarget != nullptr && type == QtDebugMsg &&
+        (context.category == nullptr || std::strcmp(context.category, "default") == 0)) {
+        const QByteArray utf8 = text.toUtf8();
+        dumpTarget->append(utf8.constData(), std::size_t(utf8.size()));
+        dumpTarget->append('\n');
+        return;
+    }
+    if (verboseLog)
+        std::fprintf(stderr, "vorlink: library: %s\n", text.toLocal8Bit().constData());
+}
+
+} // namespace
+
+void installMessageHandler() { qInstallMessageHandler(messageHandler); }
+
+void setVerbose(bool verbose)
+{
+    verboseLog = verbose;
+    // Without --verbose the reader's warnings would only be dropped: keep the
+    // library from building their text at all.
+    if (!verbose)
+        QLoggingCategory::setFilterRules(QStringLiteral("bytra.types.warning=false"));
+}
+
+void setDumpTarget(Writer *target) { dumpTarget = target; }
+
+int misuse(const CLI::App &command, const std::string &error)
+{
+    const std::string name = command.get_parent() != nullptr ? "vorlink " + command.get_name() : "vorlink";
+    std::fprintf(stderr, "%s: %s\nTry '%s --help'.\n", name.c_str(), error.c_str(), name.c_str());
+    return exitMisuse;
+}
+
+void addRunFlags(CLI::App &command, RunFlags &flags)
+{
+    command.add_flag("--strict", flags.strict, "stop at the first rejected line")->disable_flag_override();
+    command.add_flag("--verbose", flags.verbose, "show the library's own log lines on standard error")
+        ->disable_flag_override();
+    command.add_flag("--no-progress", flags.noProgress, "never draw the progress bar")->disable_flag_override();
+}
+
+const CLI::Validator &wholeNumber()
+{
+    static const CLI::Validator validator(
+        [](std::string &text) -> std::string {
+            if (text.empty() || text.size() > 19 || text.find_first_not_of("0123456789") != std::string::npos)
+                return "'" + text + "' is not a whole number";
+            return {};
+        },
+        "N");
+    return validator;
+}
+
+int finishRun(const CLI::App &command, const LineReader &input, const Rejects &rejects, Progress &progress,
+              Writer &out, bool strict)
+{
+    progress.clear();
+    out.flush();
+    const std::string name = "vorlink " + command.get_name();
+    if (input.readError() != 0) {
+        std::fprintf(stderr, "%s: %s: %s\n", name.c_str(), input.name().c_str(), std::strerror(input.readError()));
+        return exitRejected;
+    }
+    if (rejects.count() > 0) {
+        std::fprintf(stderr, "%s: %lld line%s rejected%s\n", name.c_str(), rejects.count(),
+                     rejects.count() == 1 ? "" : "s", strict ? ", stopped (--strict)" : "");
+        return exitRejected;
+    }
+    return out.failed() ? exitRejected : exitOk;
+}
+
+} // namespace vorlink

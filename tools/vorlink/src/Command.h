@@ -1,0 +1,65 @@
+#pragma once
+
+// What the subcommands share: exit codes, how misuse is reported, the
+// library's log lines, and the end of a run over an input.
+//
+// Each subcommand lives in its own source file and adds itself to the
+// command line with an add<Name>Command function; main.cpp only wires them.
+
+#include <CLI/CLI.hpp>
+
+#include <functional>
+#include <string>
+
+namespace vorlink {
+
+class LineReader;
+class Progress;
+class Rejects;
+class Writer;
+
+constexpr int exitOk = 0;
+constexpr int exitRejected = 1;
+constexpr int exitMisuse = 2;
+
+// A subcommand: its CLI11 node, and what runs when it was chosen.
+struct Command
+{
+    CLI::App *app = nullptr;
+    std::function<int()> run;
+};
+
+Command addDecodeCommand(CLI::App &parent);
+Command addEncodeCommand(CLI::App &parent);
+Command addStatsCommand(CLI::App &parent);
+Command addListCommand(CLI::App &parent);
+Command addSynthCommand(CLI::App &parent);
+
+// Reports misuse found after the command line was parsed (a value that reads
+// but means nothing, a file that cannot be opened) and returns exitMisuse.
+int misuse(const CLI::App &command, const std::string &error);
+
+// The common flags of the commands that read a log.
+struct RunFlags
+{
+    bool strict = false;
+    bool verbose = false;
+    bool noProgress = false;
+};
+void addRunFlags(CLI::App &command, RunFlags &flags);
+
+// The library speaks through Qt's logger. Its lines go to standard error with
+// --verbose and are dropped otherwise; while `target` is set, a record's dump
+// line goes there instead.
+void installMessageHandler();
+void setVerbose(bool verbose);
+void setDumpTarget(Writer *target);
+
+// Validates a whole decimal number (no sign, no base prefix).
+const CLI::Validator &wholeNumber();
+
+// Closes a run over an input: flushes the output and sums up what was rejected.
+int finishRun(const CLI::App &command, const LineReader &input, const Rejects &rejects, Progress &progress,
+              Writer &out, bool strict);
+
+} // namespace vorlink

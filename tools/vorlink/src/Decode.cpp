@@ -1,0 +1,221 @@
+// vorlink decode: a bus log into dump lines, JSON Lines, protobuf text, a
+// length-delimited protobuf stream, or CSV of one message type.
+
+#include "Command.h"
+#include "Dictionary.h"
+#include "LogScan.h"
+#include "Selection.h"
+
+#include <google/protobuf/descriptor.h>
+#include <google/protobuf/message.h>
+#include <google/protobuf/text_format.h>
+#include <google/protobuf/util/json_util.h>
+
+#include <charconv>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+namespace vorlink {
+namespace {
+
+using google::protobuf::FieldDescriptor;
+using google::protobuf::Message;
+
+enum class Format { Dump, Json, Text, Binary, Csv };
+
+struct DecodeOptions
+{
+    std::string input = "-";
+    Format format = Format::Dump;
+    RunFlags flags;
+    Selection selection;
+};
+
+const char *const decodeFooter = R"(Formats:
+  dump    each record's own dump line (default)
+  json    JSON Lines: protobuf's JSON of the schema message, header included,
+          field names as in the schema, every field shown
+  text    protobuf text format, each message after a '# line N: <type>' comment
+          and followed by a blank line
+  binary  length-delimited protobuf stream: each message's size as a varint,
+          then its bytes (what protobuf's ParseDelimitedFrom reads)
+  csv     one message type (select it with --message): a header row of time,
+          sequence, msgId and the schema fields, then a row per message
+
+Examples:
+  vorlink decode examples/bus.log
+  vorlink decode --format json --message DdTemperatureData --from 2023-11-14T22:13:20Z bus.log
+  vorlink decode --format csv --message DdTemperatureData bus.log > temperatures.csv
+  vorlink synth --count 10 | vorlink decode --format text
+
+A line that cannot be converted (bad field, odd hex, unknown id, payload too
+short) is reported on standard error as FILE:LINE: reason; the other lines are
+still converted. Exit status: 0 ok, 1 some line was rejected, 2 misuse.)";
+
+void appendVarint(std::string &out, std::uint32_t value)
+{
+    while (value >= 0x80) {
+        out.push_back(char(value | 0x80));
+        value >>= 7;
+    }
+    out.push_back(char(value));
+}
+
+template <typename T>
+void appendNumber(std::string &out, T value)
+{
+    char text[64];
+    const auto result = std::to_chars(text, text + sizeof text, value);
+    out.append(text, result.ptr);
+}
+
+// The CSV header: time, sequence, msgId, then the schema fields by name.
+void appendCsvHeader(const RowInfo &row, std::string &out)
+{
+    out += "time,sequence,msgId";
+    for (int k = 0; k < row.descriptor->field_count(); ++k) {
+        const FieldDescriptor *field = row.descriptor->field(k);
+        if (field->name() != "header") {
+            out += ',';
+            out += field->name();
+        }
+    }
+    out += '\n';
+}
+
+// One CSV row: values as the schema holds them; floats in the shortest form
+// that reads back to the same float; an unset member of a oneof left empty.
+void appendCsvRow(const BusLogEntry &entry, const Message &message, std::string &out)
+{
+    appendIsoTime(entry.msecs, out);
+    out += ',';
+    appendNumber(out, qint16(entry.sequence));
+    out += ',';
+    appendNumber(out, entry.msgId);
+    const auto *descriptor = message.GetDescriptor();
+    const auto *reflection = message.GetReflection();
+    for (int k = 0; k < descriptor->field_count(); ++k) {
+        const FieldDescriptor *field = descriptor->field(k);
+        if (field->cpp_type() == FieldDescriptor::CPPTYPE_MESSAGE)
+            continue;
+        out += ',';
+        if (field->containing_oneof() != nullptr && !reflection->HasField(message, field))
+            continue;
+        switch (field->cpp_type()) {
+        case FieldDescriptor::CPPTYPE_UINT32: appendNumber(out, reflection->GetUInt32(message, field)); break;
+        case FieldDescriptor::CPPTYPE_INT32: appendNumber(out, reflection->GetInt32(message, field)); break;
+        case FieldDescriptor::CPPTYPE_BOOL: out += reflection->GetBool(message, field) ? "true" : "false"; break;
+        case FieldDescriptor::CPPTYPE_FLOAT: appendNumber(out, reflection->GetFloat(message, field)); break;
+        default: break;   // the schema holds no other field types
+        }
+    }
+    out += '\n';
+}
+
+int runDecode(const CLI::App &command, DecodeOptions &options)
+{
+    std::string error;
+    if (!options.selection.resolve(error))
+        return misuse(command, error);
+    const RowInfo *csvRow = nullptr;
+    if (options.format == Format::Csv) {
+        const auto rows = options.selection.rows();
+        if (rows.size() != 1)
+            return misuse(command, rows.empty() ? "--format csv needs one message type: name it with --message"
+                                                : "--format csv writes one message type, and --message selected " +
+                                                      std::to_string(rows.size()));
+        csvRow = rows.front();
+    }
+    setVerbose(options.flags.verbose);
+    LogScan scan(options.flags, options.selection);
+    if (!scan.open(options.input, error))
+        return misuse(command, error);
+
+    Writer out;
+    google::protobuf::util::JsonPrintOptions jsonOptions;
+    jsonOptions.preserve_proto_field_names = true;
+    jsonOptions.always_print_primitive_fields = true;
+    google::protobuf::TextFormat::Printer textPrinter;
+    std::vector<std::unique_ptr<Message>> parsed(Dictionary::instance().rows().size());
+    std::string text;
+    if (csvRow != nullptr)
+        appendCsvHeader(*csvRow, out.buffer());
+
+    while (scan.next()) {
+        const RowInfo &row = scan.row();
+        const QByteArray &proto = scan.proto();
+        if (options.format == Format::Binary) {
+            std::string &buffer = out.buffer();
+            appendVarint(buffer, std::uint32_t(proto.size()));
+            buffer.append(proto.constData(), std::size_t(proto.size()));
+            out.commit();
+            continue;
+        }
+        if (options.format == Format::Dump) {
+            setDumpTarget(&out);
+            row.dumpPayload(scan.entry().payload);
+            setDumpTarget(nullptr);
+            continue;
+        }
+        const std::size_t index = std::size_t(&row - Dictionary::instance().rows().data());
+        if (!parsed[index])
+            parsed[index].reset(row.prototype->New());
+        Message &schema = *parsed[index];
+        schema.Clear();
+        if (!schema.ParseFromArray(proto.constData(), proto.size())) {
+            scan.reject("not converted", "the converted bytes do not parse as " + row.protoName);
+            continue;
+        }
+        switch (options.format) {
+        case Format::Json: {
+            text.clear();
+            const auto status = google::protobuf::util::MessageToJsonString(schema, &text, jsonOptions);
+            if (!status.ok()) {
+                scan.reject("not converted", "no JSON for " + row.protoName + ": " + status.ToString());
+                continue;
+            }
+            out.append(text);
+            out.append('\n');
+            break;
+        }
+        case Format::Text:
+            text.clear();
+            textPrinter.PrintToString(schema, &text);
+            out.append("# line " + std::to_string(scan.lineNumber()) + ": " + row.protoName + "\n");
+            out.append(text);
+            out.append('\n');
+            break;
+        case Format::Csv:
+            appendCsvRow(scan.entry(), schema, out.buffer());
+            out.commit();
+            break;
+        default:
+            break;
+        }
+    }
+    return scan.finish(command, out);
+}
+
+} // namespace
+
+Command addDecodeCommand(CLI::App &parent)
+{
+    auto options = std::make_shared<DecodeOptions>();
+    CLI::App *command = parent.add_subcommand("decode", "convert a bus log into dump lines, JSON Lines, protobuf "
+                                                        "text, a binary stream or CSV");
+    command->add_option("FILE", options->input, "the bus log; standard input when '-' or missing")
+        ->type_name("");
+    const std::map<std::string, Format> formats = {{"dump", Format::Dump}, {"json", Format::Json},
+                                                   {"text", Format::Text}, {"binary", Format::Binary},
+                                                   {"csv", Format::Csv}};
+    command->add_option("--format", options->format, "dump (default), json, text, binary or csv")
+        ->transform(CLI::CheckedTransformer(formats, CLI::ignore_case).description(""))
+        ->type_name("FORMAT");
+    options->selection.addOptions(*command);
+    addRunFlags(*command, options->flags);
+    command->footer(decodeFooter);
+    return {command, [command, options] { return runDecode(*command, *options); }};
+}
+
+} // namespace vorlink

@@ -1,0 +1,315 @@
+// vorlink encode: what decode writes (JSON Lines, the binary stream, protobuf
+// text) back into a bus log.
+
+#include "BusLog.h"
+#include "Command.h"
+#include "Dictionary.h"
+#include "Io.h"
+#include "LogScan.h"
+
+#include <google/protobuf/descriptor.h>
+#include <google/protobuf/io/coded_stream.h>
+#include <google/protobuf/io/tokenizer.h>
+#include <google/protobuf/io/zero_copy_stream.h>
+#include <google/protobuf/message.h>
+#include <google/protobuf/text_format.h>
+
+#include <climits>
+#include <memory>
+
+namespace vorlink {
+namespace {
+
+using google::protobuf::Message;
+
+enum class Input { Detect, Json, Binary, Text };
+
+struct EncodeOptions
+{
+    std::string input = "-";
+    Input from = Input::Detect;
+    RunFlags flags;
+};
+
+const char *const encodeFooter = R"(Input formats (--from; recognised from the first bytes when not given):
+  json    JSON Lines as 'decode --format json' writes them
+  binary  the length-delimited stream of 'decode --format binary'
+  text    the protobuf text blocks of 'decode --format text'
+
+Each message gives one bus-log line: time, sequence and id from its header,
+the payload as its record's wire bytes. Bytes behind a record's fields are not
+kept, a U32 held as a bool comes back as 0 or 1, and a value too wide for its
+wire field keeps its low bits. A bad line, block or record is reported with
+its line number (its byte offset in a binary stream) and the rest is still
+encoded.
+
+Examples:
+  vorlink decode --format json bus.log | vorlink encode
+  vorlink decode --format binary bus.log > bus.bin && vorlink encode bus.bin)";
+
+// ZeroCopyInputStream over the tool's line reader, so that a stream can be
+// recognised from its first bytes and then read with protobuf's own
+// CodedInputStream.
+class ReaderStream : public google::protobuf::io::ZeroCopyInputStream
+{
+public:
+    explicit ReaderStream(LineReader &reader) : reader_(reader) {}
+    bool Next(const void **data, int *size) override
+    {
+        std::string_view chunk;
+        if (!reader_.nextChunk(chunk))
+            return false;
+        *data = chunk.data();
+        *size = int(chunk.size());
+        return true;
+    }
+    void BackUp(int count) override { reader_.backUp(std::size_t(count)); }
+    bool Skip(int count) override
+    {
+        const void *data;
+        int size;
+        while (count > 0 && Next(&data, &size)) {
+            if (size > count) {
+                BackUp(size - count);
+                return true;
+            }
+            count -= size;
+        }
+        return count == 0;
+    }
+    google::protobuf::int64 ByteCount() const override { return reader_.bytesConsumed(); }
+
+private:
+    LineReader &reader_;
+};
+
+LineResult rejected(std::string reason)
+{
+    LineResult r;
+    r.kind = LineResult::Error;
+    r.cause = "bad record";
+    r.reason = std::move(reason);
+    return r;
+}
+
+const google::protobuf::Descriptor &envelopeType()
+{
+    static const auto *type =
+        google::protobuf::DescriptorPool::generated_pool()->FindMessageTypeByName("zelko.messages.Envelope");
+    return *type;
+}
+
+// Reads the header of any schema message's bytes: the bus-log time, sequence
+// and id, and the row that the id names.
+LineResult readHeader(const Message &envelope, BusLogEntry &entry, const RowInfo *&row)
+{
+    const auto *reflection = envelope.GetReflection();
+    const auto *headerField = envelope.GetDescriptor()->FindFieldByName("header");
+    if (!reflection->HasField(envelope, headerField))
+        return rejected("the message has no header");
+    const Message &header = reflection->GetMessage(envelope, headerField);
+    const auto *headerType = header.GetDescriptor();
+    const auto *headerReflection = header.GetReflection();
+    const quint32 msgId = headerReflection->GetUInt32(header, headerType->FindFieldByName("msgId"));
+    const qint32 sequence = headerReflection->GetInt32(header, headerType->FindFieldByName("sequence"));
+    const Message &timestamp = headerReflection->GetMessage(header, headerType->FindFieldByName("timestamp"));
+    const auto *timeType = timestamp.GetDescriptor();
+    const qint64 seconds = timestamp.GetReflection()->GetInt64(timestamp, timeType->FindFieldByName("seconds"));
+    const qint32 nanos = timestamp.GetReflection()->GetInt32(timestamp, timeType->FindFieldByName("nanos"));
+    if (msgId > 0xFFFF)
+        return rejected("msgId " + std::to_string(msgId) + " is larger than 0xFFFF");
+    row = Dictionary::instance().find(quint16(msgId));
+    if (row == nullptr || row->prototype == nullptr)
+        return rejected("unknown message id " + hexId(msgId));
+    if (sequence < -32768 || sequence > 65535)
+        return rejected("sequence " + std::to_string(sequence) + " does not fit in 16 bits");
+    const qint64 msecs = seconds * 1000 + nanos / 1000000;
+    if (msecs < 0 || msecs > maxBusLogMsecs)
+        return rejected("timestamp " + std::to_string(seconds) + " s is outside what a bus log holds (1970 to 9999)");
+    entry.msecs = msecs;
+    entry.sequence = quint16(sequence);
+    entry.msgId = quint16(msgId);
+    LineResult ok;
+    ok.kind = LineResult::Message;
+    return ok;
+}
+
+// The bus-log entry of one schema message's serialized bytes.
+LineResult entryFromBytes(const std::string &bytes, Message &envelope, BusLogEntry &entry)
+{
+    envelope.Clear();
+    if (!envelope.ParseFromString(bytes))
+        return rejected("not a protobuf message");
+    const RowInfo *row = nullptr;
+    LineResult result = readHeader(envelope, entry, row);
+    if (result.isMessage() && !row->protoToWire(QByteArray(bytes.data(), int(bytes.size())), entry.payload))
+        return rejected("does not parse as " + row->protoName);
+    return result;
+}
+
+// Keeps the text parser's first error for the report, and its warnings (a
+// field the Envelope does not know) out of the log.
+class FirstError : public google::protobuf::io::ErrorCollector
+{
+public:
+    void AddError(int line, int column, const std::string &message) override
+    {
+        if (text.empty())
+            text = "line " + std::to_string(line + 1) + " of the block, column " + std::to_string(column + 1) +
+                   ": " + message;
+    }
+    void AddWarning(int, int, const std::string &) override {}
+    std::string text;
+};
+
+// The bus-log entry of one text block.
+LineResult entryFromText(const std::string &block, Message &envelope, BusLogEntry &entry)
+{
+    FirstError errors;
+    google::protobuf::TextFormat::Parser parser;
+    parser.RecordErrorsTo(&errors);
+    parser.AllowUnknownField(true);   // the header alone, to learn the type
+    envelope.Clear();
+    if (!parser.ParseFromString(block, &envelope))
+        return rejected("not protobuf text of a schema message: " + errors.text);
+    const RowInfo *row = nullptr;
+    LineResult result = readHeader(envelope, entry, row);
+    if (!result.isMessage())
+        return result;
+    std::unique_ptr<Message> message(row->prototype->New());
+    parser.AllowUnknownField(false);
+    if (!parser.ParseFromString(block, message.get()))
+        return rejected("does not fit " + row->protoName + ": " + errors.text);
+    std::string bytes;
+    message->SerializeToString(&bytes);
+    if (!row->protoToWire(QByteArray(bytes.data(), int(bytes.size())), entry.payload))
+        return rejected("the library could not read " + row->protoName + " back");
+    return result;
+}
+
+Input detect(std::string_view head)
+{
+    // A binary stream starts with a varint size and then the header's tag,
+    // 0x0A, which no JSON or text line has in second or third place.
+    const std::size_t tag = !head.empty() && quint8(head[0]) >= 0x80 ? 2 : 1;
+    if (head.size() > tag && head[tag] == '\x0A')
+        return Input::Binary;
+    const std::size_t first = head.find_first_not_of(" \t\r\n");
+    if (first != std::string_view::npos && head[first] == '{')
+        return Input::Json;
+    return Input::Text;
+}
+
+void writeEntry(const BusLogEntry &entry, Writer &out)
+{
+    appendBusLogLine(entry, out.buffer());
+    out.buffer().push_back('\n');
+    out.commit();
+}
+
+int runEncode(const CLI::App &command, EncodeOptions &options)
+{
+    setVerbose(options.flags.verbose);
+    LineReader input;
+    std::string error;
+    if (!input.open(options.input, error))
+        return misuse(command, error);
+    Writer out;
+    Progress progress(!options.flags.noProgress, input.totalBytes());
+    Rejects rejects(input.name(), progress);
+    const bool strict = options.flags.strict;
+    std::unique_ptr<Message> envelope(
+        google::protobuf::MessageFactory::generated_factory()->GetPrototype(&envelopeType())->New());
+    BusLogEntry entry;
+
+    Input from = options.from == Input::Detect ? detect(input.peek()) : options.from;
+    if (from == Input::Binary) {
+        ReaderStream stream(input);
+        std::string bytes;
+        while (!input.peek().empty()) {
+            const long long offset = input.bytesConsumed();
+            std::uint32_t size = 0;
+            bool whole;
+            {   // a coded stream for each message: it gives back what it read ahead when it goes
+                google::protobuf::io::CodedInputStream coded(&stream);
+                whole = coded.ReadVarint32(&size) && size <= INT_MAX && coded.ReadString(&bytes, int(size));
+            }
+            if (!whole) {
+                rejects.reportOffset(offset, "bad record", "the stream ends inside a message");
+                break;
+            }
+            progress.tick(input.bytesConsumed(), 0);
+            const LineResult result = entryFromBytes(bytes, *envelope, entry);
+            if (result.isMessage()) {
+                writeEntry(entry, out);
+            } else {
+                rejects.reportOffset(offset, result.cause, result.reason);
+                if (strict)
+                    break;
+            }
+        }
+        return finishRun(command, input, rejects, progress, out, strict);
+    }
+
+    std::string_view line;
+    std::string block;
+    long long blockLine = 0;
+    auto endBlock = [&]() {
+        if (block.empty())
+            return true;
+        const LineResult result = entryFromText(block, *envelope, entry);
+        block.clear();
+        if (result.isMessage()) {
+            writeEntry(entry, out);
+            return true;
+        }
+        rejects.report(blockLine, result.cause, result.reason);
+        return !strict;
+    };
+    bool going = true;
+    while (going && input.next(line)) {
+        progress.tick(input.bytesConsumed(), input.lineNumber());
+        if (from == Input::Text) {
+            if (line.find_first_not_of(" \t\r") == std::string_view::npos) {
+                going = endBlock();
+            } else {
+                if (block.empty())
+                    blockLine = input.lineNumber();
+                block.append(line).push_back('\n');
+            }
+            continue;
+        }
+        const LineResult result = parseJsonLine(line, entry);
+        if (result.kind == LineResult::Message) {
+            writeEntry(entry, out);
+        } else if (result.kind == LineResult::Error) {
+            rejects.report(input.lineNumber(), result.cause, result.reason);
+            going = !strict;
+        }
+    }
+    if (going)
+        endBlock();
+    return finishRun(command, input, rejects, progress, out, strict);
+}
+
+} // namespace
+
+Command addEncodeCommand(CLI::App &parent)
+{
+    auto options = std::make_shared<EncodeOptions>();
+    CLI::App *command = parent.add_subcommand("encode", "convert what decode writes (json, binary or text) back "
+                                                        "into a bus log");
+    command->add_option("FILE", options->input, "the input; standard input when '-' or missing")
+        ->type_name("");
+    const std::map<std::string, Input> formats = {{"json", Input::Json}, {"binary", Input::Binary},
+                                                  {"text", Input::Text}};
+    command->add_option("--from", options->from, "json, binary or text; recognised from the first bytes when "
+                                                  "not given")
+        ->transform(CLI::CheckedTransformer(formats, CLI::ignore_case).description(""))
+        ->type_name("FORMAT");
+    addRunFlags(*command, options->flags);
+    command->footer(encodeFooter);
+    return {command, [command, options] { return runEncode(*command, *options); }};
+}
+
+} // namespace vorlink

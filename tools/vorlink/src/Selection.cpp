@@ -1,0 +1,152 @@
+#include "Selection.h"
+#include "Dictionary.h"
+
+#include <algorithm>
+#include <cctype>
+
+namespace vorlink {
+namespace {
+
+std::string lower(std::string text)
+{
+    for (char &c : text)
+        c = char(std::tolower(static_cast<unsigned char>(c)));
+    return text;
+}
+
+bool readHexId(std::string text, bool needPrefix, quint16 &id)
+{
+    const bool prefixed = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
+    if (prefixed)
+        text.erase(0, 2);
+    else if (needPrefix)
+        return false;
+    if (text.empty() || text.size() > 4 || text.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos)
+        return false;
+    id = quint16(std::stoul(text, nullptr, 16));
+    return true;
+}
+
+std::size_t editDistance(const std::string &a, const std::string &b)
+{
+    std::vector<std::size_t> row(b.size() + 1);
+    for (std::size_t j = 0; j <= b.size(); ++j)
+        row[j] = j;
+    for (std::size_t i = 1; i <= a.size(); ++i) {
+        std::size_t diagonal = row[0];
+        row[0] = i;
+        for (std::size_t j = 1; j <= b.size(); ++j) {
+            const std::size_t above = row[j];
+            row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (a[i - 1] == b[j - 1] ? 0 : 1)});
+            diagonal = above;
+        }
+    }
+    return row[b.size()];
+}
+
+const char *const nodePrefixes[] = {"Td", "Dd", "Fp", "Ui"};
+
+} // namespace
+
+std::string nearestNames(const std::string &wanted, const std::vector<std::string> &candidates, std::size_t count)
+{
+    const std::string key = lower(wanted);
+    std::vector<std::pair<std::size_t, const std::string *>> scored;
+    for (const std::string &candidate : candidates) {
+        const std::string name = lower(candidate);
+        // A name that holds what was typed is nearer than its length suggests.
+        const std::size_t distance = name.find(key) != std::string::npos ? 0 : editDistance(key, name);
+        scored.emplace_back(distance, &candidate);
+    }
+    count = std::min(count, scored.size());
+    std::partial_sort(scored.begin(), scored.begin() + std::ptrdiff_t(count), scored.end(),
+                      [](const auto &x, const auto &y) { return x.first != y.first ? x.first < y.first : *x.second < *y.second; });
+    std::string text;
+    for (std::size_t k = 0; k < count; ++k)
+        text += (k == 0 ? "" : ", ") + *scored[k].second;
+    return text;
+}
+
+void Selection::addOptions(CLI::App &command)
+{
+    command.add_option("--message", messages_,
+                       "only this message: an id (0x0100), a MSG_ID_ enumerator, a message name, or a node "
+                       "prefix (Td, Dd, Fp, Ui) for all of its messages; repeatable")
+        ->type_name("X")
+        ->allow_extra_args(false);
+    command.add_option("--from", fromText_, "only messages at this time or later: seconds since 1970 as in the "
+                                            "log, or ISO 8601 (2023-11-14T22:13:20.123Z; UTC when no offset)")
+        ->type_name("T");
+    command.add_option("--to", toText_, "only messages at this time or earlier, in the same forms")->type_name("T");
+}
+
+bool Selection::addMessage(const std::string &text, std::string &error)
+{
+    const Dictionary &dictionary = Dictionary::instance();
+    quint16 id = 0;
+    if (readHexId(text, true, id)) {
+        if (dictionary.find(id) == nullptr) {
+            char hex[8];
+            std::snprintf(hex, sizeof hex, "0x%04X", id);
+            error = std::string("--message: no message has the id ") + hex;
+            return false;
+        }
+        ids_.set(id);
+        return true;
+    }
+    for (const char *prefix : nodePrefixes) {
+        if (lower(text) != lower(prefix))
+            continue;
+        for (const RowInfo &row : dictionary.rows())
+            if (row.message.size() > 2 && row.message.compare(0, 2, prefix) == 0 && std::isupper(row.message[2]))
+                ids_.set(row.id);
+        return true;
+    }
+    if (const RowInfo *row = dictionary.findByName(text)) {
+        ids_.set(row->id);
+        return true;
+    }
+    if (readHexId(text, false, id) && dictionary.find(id) != nullptr) {
+        ids_.set(id);
+        return true;
+    }
+    std::vector<std::string> names;
+    for (const RowInfo &row : dictionary.rows())
+        names.push_back(row.message);
+    error = "--message: no message '" + text + "'; nearest: " + nearestNames(text, names);
+    return false;
+}
+
+bool Selection::resolve(std::string &error)
+{
+    for (const std::string &text : messages_)
+        if (!addMessage(text, error))
+            return false;
+    all_ = messages_.empty();
+    if (!fromText_.empty() && !parseTimeArgument(fromText_, from_)) {
+        error = "--from: '" + fromText_ + "' is neither seconds since 1970 nor an ISO 8601 time";
+        return false;
+    }
+    if (!toText_.empty() && !parseTimeArgument(toText_, to_)) {
+        error = "--to: '" + toText_ + "' is neither seconds since 1970 nor an ISO 8601 time";
+        return false;
+    }
+    if (from_ > to_) {
+        error = "--from is later than --to";
+        return false;
+    }
+    return true;
+}
+
+std::vector<const RowInfo *> Selection::rows() const
+{
+    std::vector<const RowInfo *> rows;
+    if (all_)
+        return rows;
+    for (const RowInfo &row : Dictionary::instance().rows())
+        if (ids_[row.id])
+            rows.push_back(&row);
+    return rows;
+}
+
+} // namespace vorlink
