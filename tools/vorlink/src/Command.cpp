@@ -4,13 +4,14 @@
 #include <QLoggingCategory>
 #include <QString>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
 namespace vorlink {
 namespace {
 
-Writer *dumpTarget = nullptr;
+std::string *dumpTarget = nullptr;
 bool verboseLog = false;
 
 void messageHandler(QtMsgType type, const QMessageLogContext &context, const QString &text)
@@ -19,7 +20,6 @@ void messageHandler(QtMsgType type, const QMessageLogContext &context, const QSt
         (context.category == nullptr || std::strcmp(context.category, "default") == 0)) {
         const QByteArray utf8 = text.toUtf8();
         dumpTarget->append(utf8.constData(), std::size_t(utf8.size()));
-        dumpTarget->append('\n');
         return;
     }
     if (verboseLog)
@@ -39,7 +39,7 @@ void setVerbose(bool verbose)
         QLoggingCategory::setFilterRules(QStringLiteral("bytra.types.warning=false"));
 }
 
-void setDumpTarget(Writer *target) { dumpTarget = target; }
+void setDumpTarget(std::string *target) { dumpTarget = target; }
 
 int misuse(const CLI::App &command, const std::string &error)
 {
@@ -68,22 +68,35 @@ const CLI::Validator &wholeNumber()
     return validator;
 }
 
+int finishOutput(const CLI::App &command, Writer &out)
+{
+    if (out.flush())
+        return exitOk;
+    // A reader that went away (`vorlink decode big.log | head`) is not an
+    // error: it had all it wanted.
+    if (out.error() == EPIPE)
+        return exitOk;
+    std::fprintf(stderr, "vorlink %s: cannot write the output: %s\n", command.get_name().c_str(),
+                 std::strerror(out.error()));
+    return exitRejected;
+}
+
 int finishRun(const CLI::App &command, const LineReader &input, const Rejects &rejects, Progress &progress,
               Writer &out, bool strict)
 {
     progress.clear();
-    out.flush();
+    const int written = finishOutput(command, out);
     const std::string name = "vorlink " + command.get_name();
     if (input.readError() != 0) {
         std::fprintf(stderr, "%s: %s: %s\n", name.c_str(), input.name().c_str(), std::strerror(input.readError()));
         return exitRejected;
     }
     if (rejects.count() > 0) {
-        std::fprintf(stderr, "%s: %lld line%s rejected%s\n", name.c_str(), rejects.count(),
-                     rejects.count() == 1 ? "" : "s", strict ? ", stopped (--strict)" : "");
+        std::fprintf(stderr, "%s: %lld %s rejected%s\n", name.c_str(), rejects.count(), rejects.unit(),
+                     strict ? ", stopped (--strict)" : "");
         return exitRejected;
     }
-    return out.failed() ? exitRejected : exitOk;
+    return written;
 }
 
 } // namespace vorlink

@@ -50,13 +50,17 @@ void addRunFlags(CLI::App &command, RunFlags &flags);
 
 // The library speaks through Qt's logger. Its lines go to standard error with
 // --verbose and are dropped otherwise; while `target` is set, a record's dump
-// line goes there instead.
+// line is appended there instead, without a newline.
 void installMessageHandler();
 void setVerbose(bool verbose);
-void setDumpTarget(Writer *target);
+void setDumpTarget(std::string *target);
 
 // Validates a whole decimal number (no sign, no base prefix).
 const CLI::Validator &wholeNumber();
+
+// Flushes the output. A failed write is reported with its reason (exitRejected);
+// a closed pipe ends the run quietly (exitOk).
+int finishOutput(const CLI::App &command, Writer &out);
 
 // Closes a run over an input: flushes the output and sums up what was rejected.
 int finishRun(const CLI::App &command, const LineReader &input, const Rejects &rejects, Progress &progress,

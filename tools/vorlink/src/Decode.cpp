@@ -113,6 +113,30 @@ void appendCsvRow(const BusLogEntry &entry, const Message &message, std::string 
     out += '\n';
 }
 
+// The log time and the id, then the record's own dump line, then the bytes
+// of the payload that the record does not read, if any.
+void appendDumpLine(const RowInfo &row, const BusLogEntry &entry, std::string &out)
+{
+    appendIsoTime(entry.msecs, out);
+    out += ' ';
+    out += hexId(entry.msgId);
+    out += ' ';
+    setDumpTarget(&out);
+    row.dumpPayload(entry.payload);
+    setDumpTarget(nullptr);
+    const int unread = entry.payload.size() - row.wireSize;
+    if (unread > 0) {
+        static const char digits[] = "0123456789abcdef";
+        out += "  +" + std::to_string(unread) + (unread == 1 ? " byte" : " bytes") + " not read: ";
+        for (int k = row.wireSize; k < entry.payload.size(); ++k) {
+            const auto byte = static_cast<unsigned char>(entry.payload[k]);
+            out += digits[byte >> 4];
+            out += digits[byte & 15];
+        }
+    }
+    out += '\n';
+}
+
 int runDecode(const CLI::App &command, DecodeOptions &options)
 {
     std::string error;
@@ -142,7 +166,7 @@ int runDecode(const CLI::App &command, DecodeOptions &options)
     if (csvRow != nullptr)
         appendCsvHeader(*csvRow, out.buffer());
 
-    while (scan.next()) {
+    while (!out.failed() && scan.next()) {
         const RowInfo &row = scan.row();
         const QByteArray &proto = scan.proto();
         if (options.format == Format::Binary) {
@@ -153,9 +177,8 @@ int runDecode(const CLI::App &command, DecodeOptions &options)
             continue;
         }
         if (options.format == Format::Dump) {
-            setDumpTarget(&out);
-            row.dumpPayload(scan.entry().payload);
-            setDumpTarget(nullptr);
+            appendDumpLine(row, scan.entry(), out.buffer());
+            out.commit();
             continue;
         }
         const std::size_t index = std::size_t(&row - Dictionary::instance().rows().data());

@@ -152,6 +152,9 @@ Dictionary::Dictionary()
     : rows_(makeRows(static_cast<zelko::AllRows *>(nullptr)))
 {
     index_.fill(-1);
+    // The probes go through the union messages' bridge, which writes a note on
+    // every call. Those notes would speak of no message of any input: drop them.
+    const QtMessageHandler previous = qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {});
     const std::string prefix = "zelko.messages.";
     for (std::size_t i = 0; i < rows_.size(); ++i) {
         RowInfo &row = rows_[i];
@@ -167,6 +170,7 @@ Dictionary::Dictionary()
             probeLayout(row);
         }
     }
+    qInstallMessageHandler(previous);
 }
 
 const RowInfo *Dictionary::findByName(const std::string &name) const

@@ -112,7 +112,10 @@ LineResult readHeader(const Message &envelope, BusLogEntry &entry, const RowInfo
     const auto *headerReflection = header.GetReflection();
     const quint32 msgId = headerReflection->GetUInt32(header, headerType->FindFieldByName("msgId"));
     const qint32 sequence = headerReflection->GetInt32(header, headerType->FindFieldByName("sequence"));
-    const Message &timestamp = headerReflection->GetMessage(header, headerType->FindFieldByName("timestamp"));
+    const auto *timestampField = headerType->FindFieldByName("timestamp");
+    if (!headerReflection->HasField(header, timestampField))
+        return rejected("the header has no timestamp");
+    const Message &timestamp = headerReflection->GetMessage(header, timestampField);
     const auto *timeType = timestamp.GetDescriptor();
     const qint64 seconds = timestamp.GetReflection()->GetInt64(timestamp, timeType->FindFieldByName("seconds"));
     const qint32 nanos = timestamp.GetReflection()->GetInt32(timestamp, timeType->FindFieldByName("nanos"));
@@ -226,7 +229,7 @@ int runEncode(const CLI::App &command, EncodeOptions &options)
     if (from == Input::Binary) {
         ReaderStream stream(input);
         std::string bytes;
-        while (!input.peek().empty()) {
+        while (!out.failed() && !input.peek().empty()) {
             const long long offset = input.bytesConsumed();
             std::uint32_t size = 0;
             bool whole;
@@ -267,7 +270,7 @@ int runEncode(const CLI::App &command, EncodeOptions &options)
         return !strict;
     };
     bool going = true;
-    while (going && input.next(line)) {
+    while (going && !out.failed() && input.next(line)) {
         progress.tick(input.bytesConsumed(), input.lineNumber());
         if (from == Input::Text) {
             if (line.find_first_not_of(" \t\r") == std::string_view::npos) {

@@ -69,6 +69,14 @@ bool LineReader::fill()
     }
 }
 
+// Counts the line; an editor's UTF-8 byte-order mark ahead of the first line is
+// not part of it.
+void LineReader::skipByteOrderMark(std::string_view &line)
+{
+    if (++lineNumber_ == 1 && line.substr(0, 3) == "\xEF\xBB\xBF")
+        line.remove_prefix(3);
+}
+
 bool LineReader::next(std::string_view &line)
 {
     std::size_t searched = begin_;
@@ -79,7 +87,7 @@ bool LineReader::next(std::string_view &line)
             line = std::string_view(buffer_.data() + begin_, at - begin_);
             consumed_ += static_cast<long long>(at + 1 - begin_);
             begin_ = at + 1;
-            ++lineNumber_;
+            skipByteOrderMark(line);
             return true;
         }
         if (eof_) {
@@ -88,7 +96,7 @@ bool LineReader::next(std::string_view &line)
             line = std::string_view(buffer_.data() + begin_, end_ - begin_);   // last line without newline
             consumed_ += static_cast<long long>(end_ - begin_);
             begin_ = end_;
-            ++lineNumber_;
+            skipByteOrderMark(line);
             return true;
         }
         const std::size_t pending = end_ - begin_;
@@ -130,6 +138,7 @@ bool Writer::flush()
             continue;
         if (n <= 0) {
             failed_ = true;
+            error_ = n < 0 ? errno : EIO;
             break;
         }
         p += n;
@@ -195,6 +204,7 @@ void Rejects::reportOffset(long long offset, const char *cause, const std::strin
 {
     progress_.clear();
     std::fprintf(stderr, "%s: byte %lld: %s\n", input_.c_str(), offset, reason.c_str());
+    records_ = true;
     count(cause);
 }
 

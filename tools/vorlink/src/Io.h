@@ -36,6 +36,7 @@ public:
 
 private:
     bool fill();
+    void skipByteOrderMark(std::string_view &line);
     int fd_ = -1;
     bool ownFd_ = false;
     bool eof_ = false;
@@ -74,11 +75,13 @@ public:
     }
     bool flush();
     bool failed() const { return failed_; }
+    int error() const { return error_; }   // errno of the failed write
 
 private:
     static constexpr std::size_t capacity = 1 << 20;
     int fd_;
     bool failed_ = false;
+    int error_ = 0;
     std::string buffer_;
 };
 
@@ -116,12 +119,14 @@ public:
     // The same for a record of a binary stream, at its byte offset.
     void reportOffset(long long offset, const char *cause, const std::string &reason);
     long long count() const { return count_; }
+    const char *unit() const { return records_ ? (count_ == 1 ? "record" : "records") : (count_ == 1 ? "line" : "lines"); }
     const std::map<std::string, long long> &byCause() const { return byCause_; }
 
 private:
     std::string input_;
     Progress &progress_;
     long long count_ = 0;
+    bool records_ = false;   // counts records of a binary stream, not lines
     std::map<std::string, long long> byCause_;
 
     void count(const char *cause);

@@ -50,7 +50,7 @@ bool parseIdArgument(std::string text, unsigned &id)
     return true;
 }
 
-int runList(const std::string &wanted)
+int runList(const CLI::App &command, const std::string &wanted)
 {
     setVerbose(false);
     const Dictionary &dictionary = Dictionary::instance();
@@ -58,7 +58,7 @@ int runList(const std::string &wanted)
     if (wanted.empty()) {
         for (const RowInfo &row : dictionary.rows())
             printRow(row, out);
-        return out.flush() ? exitOk : exitRejected;
+        return finishOutput(command, out);
     }
     unsigned id = 0;
     const RowInfo *row = parseIdArgument(wanted, id) ? dictionary.find(quint16(id)) : dictionary.findByName(wanted);
@@ -67,7 +67,7 @@ int runList(const std::string &wanted)
         return exitRejected;
     }
     printRow(*row, out);
-    return out.flush() ? exitOk : exitRejected;
+    return finishOutput(command, out);
 }
 
 } // namespace
@@ -87,7 +87,7 @@ Examples:
   vorlink list
   vorlink list 0x0100
   vorlink list DdTemperatureData)");
-    return {command, [wanted] { return runList(*wanted); }};
+    return {command, [command, wanted] { return runList(*command, *wanted); }};
 }
 
 } // namespace vorlink

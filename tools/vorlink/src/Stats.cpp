@@ -29,6 +29,7 @@ struct Seen
     long long count = 0;
     qint64 first = 0, last = 0;
     long long bytes = 0;
+    long long unread = 0;   // messages with payload bytes behind their record
 };
 
 std::string isoTime(qint64 msecs)
@@ -52,8 +53,8 @@ void writeText(const std::vector<const RowInfo *> &rows, const std::vector<Seen>
                long long types, Writer &out)
 {
     char line[512];
-    std::snprintf(line, sizeof line, "%-6s  %-44s %9s  %-24s  %-24s  %10s  %11s\n", "id", "message", "count", "first",
-                  "last", "rate Hz", "bytes");
+    std::snprintf(line, sizeof line, "%-6s  %-44s %9s  %-24s  %-24s  %10s  %11s  %9s\n", "id", "message", "count",
+                  "first", "last", "rate Hz", "bytes", "unread");
     out.append(line);
     for (const RowInfo *row : rows) {
         const Seen &s = seen[row->id];
@@ -61,9 +62,9 @@ void writeText(const std::vector<const RowInfo *> &rows, const std::vector<Seen>
         char rateText[32] = "-";
         if (rateHz(s, rate))
             std::snprintf(rateText, sizeof rateText, "%.3f", rate);
-        std::snprintf(line, sizeof line, "0x%04X  %-44s %9lld  %-24s  %-24s  %10s  %11lld\n", row->id,
+        std::snprintf(line, sizeof line, "0x%04X  %-44s %9lld  %-24s  %-24s  %10s  %11lld  %9lld\n", row->id,
                       row->message.c_str(), s.count, isoTime(s.first).c_str(), isoTime(s.last).c_str(), rateText,
-                      s.bytes);
+                      s.bytes, s.unread);
         out.append(line);
     }
     const Rejects &rejects = scan.rejects();
@@ -90,7 +91,8 @@ void writeJson(const std::vector<const RowInfo *> &rows, const std::vector<Seen>
                          {"count", s.count},
                          {"first", QString::fromStdString(isoTime(s.first))},
                          {"last", QString::fromStdString(isoTime(s.last))},
-                         {"payloadBytes", s.bytes}};
+                         {"payloadBytes", s.bytes},
+                         {"withUnreadBytes", s.unread}};
         double rate = 0;
         item.insert("rateHz", rateHz(s, rate) ? QJsonValue(rate) : QJsonValue());
         messages.append(item);
@@ -125,6 +127,7 @@ int runStats(const CLI::App &command, StatsOptions &options)
             s.first = entry.msecs;
         s.last = entry.msecs;
         s.bytes += entry.payload.size();
+        s.unread += entry.payload.size() > scan.row().wireSize ? 1 : 0;
     }
     std::vector<const RowInfo *> rows;
     for (const RowInfo &row : Dictionary::instance().rows())
@@ -155,9 +158,10 @@ Command addStatsCommand(CLI::App &parent)
     options->selection.addOptions(*command);
     addRunFlags(*command, options->flags);
     command->footer(R"(One row per message type seen, in id order: id, name, count, the first and
-the last time (UTC), the mean rate in Hz over that span, and the payload bytes
-in all. Then the totals, and the rejected lines counted by cause. A message is
-counted when the library converts it, as decode would.
+the last time (UTC), the mean rate in Hz over that span, the payload bytes in
+all, and how many of the messages carried bytes behind their record (unread).
+Then the totals, and the rejected lines counted by cause. A message is counted
+when the library converts it, as decode would.
 
 Examples:
   vorlink stats examples/bus.log

@@ -77,7 +77,7 @@ std::uint32_t synthValue(const WireField &field, Random &random)
     return std::uint32_t(random.next());
 }
 
-int runSynth(const SynthOptions &options)
+int runSynth(const CLI::App &command, const SynthOptions &options)
 {
     const unsigned long long count = options.count, seed = options.seed, start = options.start;
     setVerbose(false);
@@ -94,7 +94,7 @@ int runSynth(const SynthOptions &options)
     BusLogEntry entry;
     entry.msecs = qint64(start) * 1000;
     std::uint32_t sequence = random.below(65536);
-    for (unsigned long long n = 0; n < count; ++n) {
+    for (unsigned long long n = 0; n < count && !out.failed(); ++n) {
         if (dealt == deck.size()) {   // a fresh shuffle of all rows
             for (std::size_t k = 0; k < deck.size(); ++k)
                 deck[k] = k;
@@ -118,8 +118,7 @@ int runSynth(const SynthOptions &options)
         out.buffer().push_back('\n');
         out.commit();
     }
-    out.flush();
-    return out.failed() ? exitRejected : exitOk;
+    return finishOutput(command, out);
 }
 
 } // namespace
@@ -141,7 +140,7 @@ from the seed; the same arguments always give the same log.
 Examples:
   vorlink synth --count 1000000 --seed 3 > big.log
   vorlink synth --count 474 | vorlink decode)");
-    return {command, [options] { return runSynth(*options); }};
+    return {command, [command, options] { return runSynth(*command, *options); }};
 }
 
 } // namespace vorlink

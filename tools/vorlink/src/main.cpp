@@ -5,6 +5,7 @@
 #include "Dictionary.h"
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -30,6 +31,8 @@ int main(int argc, char **argv)
 {
     using namespace vorlink;
     installMessageHandler();
+    // A closed pipe shows as EPIPE from write(), which the commands handle.
+    std::signal(SIGPIPE, SIG_IGN);
     CLI::App app("The Vorlink message dictionary on the command line.", "vorlink");
     app.footer(footer);
     app.set_version_flag("--version", [] {

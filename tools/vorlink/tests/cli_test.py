@@ -110,9 +110,10 @@ class Decode(unittest.TestCase):
         self.assertEqual((dump.returncode, dump.stderr), (0, b""))
         lines = dump.stdout.decode().splitlines()
         self.assertEqual(len(lines), self.count)
-        self.assertEqual(lines[0],
-                         "AlarmStatusDataPayload: alarmState=2, alarmTop=1, silenceExpiresIn=60, alarmsFlags=5")
-        self.assertEqual(lines[1], "TdEventPayload: event=9, dataType1=1, dataType2=2")
+        self.assertEqual(lines[0], "2023-11-14T22:13:20.123Z 0x0100 AlarmStatusDataPayload: "
+                                   "alarmState=2, alarmTop=1, silenceExpiresIn=60, alarmsFlags=5")
+        self.assertEqual(lines[1], "2023-11-14T22:13:20.123Z 0x1700 TdEventPayload: event=9, dataType1=1, "
+                                   "dataType2=2  +8 bytes not read: 2a00000003000000")
 
         js = run("decode", "--format", "json", self.log)
         self.assertEqual((js.returncode, js.stderr), (0, b""))
@@ -152,7 +153,7 @@ class Decode(unittest.TestCase):
         bad = os.path.join(EXAMPLES, "malformed.log")
         r = run("decode", bad)
         self.assertEqual(r.returncode, 1)
-        self.assertEqual(r.stdout.decode().splitlines(),
+        self.assertEqual([l.split(" ", 2)[2] for l in r.stdout.decode().splitlines()],
                          ["AlarmStatusDataPayload: alarmState=2, alarmTop=1, silenceExpiresIn=60, alarmsFlags=5",
                           "AlarmClearedPayload: alarmName=7"])
         errors = r.stderr.decode().splitlines()
@@ -173,10 +174,31 @@ class Decode(unittest.TestCase):
         self.assertEqual(len(strict.stdout.splitlines()), 1)
         self.assertEqual(len(strict.stderr.decode().splitlines()), 2)
 
-    def test_dump_goes_to_stdout_and_union_notes_do_not(self):
-        r = run("decode", "--format", "dump", stdin=b"1 1 0x1700 0900000001000000020000002a00000003000000\n")
-        self.assertEqual(r.stdout, b"TdEventPayload: event=9, dataType1=1, dataType2=2\n")
-        self.assertEqual(r.stderr, b"")
+    def test_what_a_new_user_stumbles_on(self):
+        g = ALARM_LINE.encode() + b"\n"
+        event = b"1.5 1 0x1700 0900000001000000020000002a00000003000000\n"
+        # A byte-order mark ahead of the first line is not part of it.
+        r = run("decode", stdin=b"\xef\xbb\xbf" + g)
+        self.assertEqual((r.returncode, r.stdout.split()[:2]), (0, [b"2023-11-14T22:13:20.123Z", b"0x0100"]))
+        # The bytes behind a record are shown and counted; the library's notes only for what was converted.
+        r = run("decode", "--verbose", stdin=g + event)
+        self.assertEqual(r.stdout.decode().splitlines()[1], "1970-01-01T00:00:01.500Z 0x1700 TdEventPayload: "
+                         "event=9, dataType1=1, dataType2=2  +8 bytes not read: 2a00000003000000")
+        self.assertEqual(r.stderr.decode().splitlines(), ["vorlink: library: WARNING: MsgId=TdEvent contains "
+                         "union/oneof field(s); protobuf serialization is partial"])
+        stats = json.loads(run("stats", "--format", "json", stdin=g + event + event).stdout)
+        self.assertEqual([(m["count"], m["withUnreadBytes"]) for m in stats["messages"]], [(1, 0), (2, 2)])
+        # A failed write is an error with its reason; a closed pipe is not.
+        with open("/dev/full", "wb") as full:
+            for args in (["decode", os.path.join(EXAMPLES, "bus.log")], ["list"], ["synth"],
+                         ["stats", os.path.join(EXAMPLES, "bus.log")]):
+                p = subprocess.run([TOOL, *args], stdout=full, stderr=subprocess.PIPE, timeout=60)
+                self.assertEqual(p.returncode, 1, args)
+                self.assertIn(b"cannot write the output: No space left on device", p.stderr, args)
+        p = subprocess.Popen([TOOL, "synth", "--count", "200000"], stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        p.stdout.read(100)
+        p.stdout.close()
+        self.assertEqual((p.wait(timeout=60), p.stderr.read()), (0, b""))
 
 
 class RoundTrip(unittest.TestCase):
@@ -325,11 +347,14 @@ class Questions(unittest.TestCase):
         self.assertEqual(r.returncode, 1)
         self.assertIn(f"<stdin>: byte {len(frames[0]) + 1}: ", r.stderr.decode())
         self.assertEqual(len(r.stdout.splitlines()), 2)
-        text = b"header { msgId: 256 }\nalarmState: x\n\nheader { msgId: 256 }\nalarmState: 3\n"
+        head = b"header { timestamp { seconds: 2 } msgId: 256 }\n"
+        text = head + b"alarmState: x\n\nheader { msgId: 256 }\n\n" + head + b"alarmState: 3\n"
         r = run("encode", "--from", "text", stdin=text)
         self.assertEqual(r.returncode, 1)
-        self.assertIn("<stdin>:1: does not fit zelko.messages.AlarmStatusData", r.stderr.decode())
-        self.assertEqual(r.stdout, b"0.000 0 0x0100 0300000000000000000000000000\n")
+        self.assertEqual(r.stderr.decode().splitlines()[:2],
+                         ["<stdin>:1: does not fit zelko.messages.AlarmStatusData: line 2 of the block, column 13: "
+                          "Expected integer, got: x", "<stdin>:4: the header has no timestamp"])
+        self.assertEqual(r.stdout, b"2.000 0 0x0100 0300000000000000000000000000\n")
 
 
 class List(unittest.TestCase):
