@@ -10,6 +10,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 
+#include <algorithm>
 #include <cstdio>
 #include <vector>
 
@@ -52,9 +53,12 @@ bool rateHz(const Seen &seen, double &rate)
 void writeText(const std::vector<const RowInfo *> &rows, const std::vector<Seen> &seen, const LogScan &scan,
                long long types, Writer &out)
 {
+    int width = 7;
+    for (const RowInfo *row : rows)
+        width = std::max(width, int(row->message.size()));
     char line[512];
-    std::snprintf(line, sizeof line, "%-6s  %-44s %9s  %-24s  %-24s  %10s  %11s  %9s\n", "id", "message", "count",
-                  "first", "last", "rate Hz", "bytes", "unread");
+    std::snprintf(line, sizeof line, "%-6s  %-*s %9s  %-24s  %-24s  %10s  %11s  %9s\n", "id", width, "message",
+                  "count", "first", "last", "rate Hz", "bytes", "unread");
     out.append(line);
     for (const RowInfo *row : rows) {
         const Seen &s = seen[row->id];
@@ -62,8 +66,8 @@ void writeText(const std::vector<const RowInfo *> &rows, const std::vector<Seen>
         char rateText[32] = "-";
         if (rateHz(s, rate))
             std::snprintf(rateText, sizeof rateText, "%.3f", rate);
-        std::snprintf(line, sizeof line, "0x%04X  %-44s %9lld  %-24s  %-24s  %10s  %11lld  %9lld\n", row->id,
-                      row->message.c_str(), s.count, isoTime(s.first).c_str(), isoTime(s.last).c_str(), rateText,
+        std::snprintf(line, sizeof line, "0x%04X  %-*s %9lld  %-24s  %-24s  %10s  %11lld  %9lld\n", row->id,
+                      width, row->message.c_str(), s.count, isoTime(s.first).c_str(), isoTime(s.last).c_str(), rateText,
                       s.bytes, s.unread);
         out.append(line);
     }
