@@ -1,42 +1,74 @@
 #!/usr/bin/env bash
-# Installs a built tree into a scratch prefix, checks what landed there, and
-# builds and runs a host program against it from a copy outside the source
-# tree: once through find_package(Vorlink), once through pkg-config.
-# Usage: install_test.sh BUILD_DIR WORK_DIR HOST_SOURCE_DIR [SANITIZERS]
-# SANITIZERS is the build's -fsanitize list, if any: an instrumented library
-# needs an instrumented host.
+# Puts a built tree where a host program finds it, checks what landed there,
+# and builds and runs a host program against it from a copy outside the source
+# tree: once through find_package(Vorlink), once through pkg-config, beside the
+# vorlink tool that came with it.
+# Usage: install_test.sh BUILD_DIR WORK_DIR HOST_SOURCE_DIR SANITIZERS [CPACK VERSION]
+# Without CPACK: `cmake --install` into a scratch prefix. With it: the Debian
+# packages made by CPACK, their split and dependencies checked, lintian run,
+# unpacked into a scratch root. SANITIZERS is the build's -fsanitize list, if
+# any: an instrumented library needs an instrumented host.
 set -euo pipefail
-build=$1 work=$2 host_src=$3
+build=$1 work=$2 host_src=$3 cpack=${5:-}
 flags=""
-[ -n "${4:-}" ] && flags="-fsanitize=$4"
+[ -n "$4" ] && flags="-fsanitize=$4"
 rm -rf "$work"
 mkdir -p "$work"
-prefix=$work/prefix
-
-cmake --install "$build" --prefix "$prefix" > "$work/install.log"
-
 fail() { echo "FAIL: $*" >&2; exit 1; }
-lib=$(find "$prefix" -name 'libVorlink.so.1.*' -type f | head -1)
-[ -n "$lib" ] || fail "no libVorlink.so.1.* installed"
-libdir=$(dirname "$lib")
-[ "$(readlink "$libdir/libVorlink.so.1")" = "$(basename "$lib")" ] || fail "libVorlink.so.1 does not point to $lib"
-[ "$(readlink "$libdir/libVorlink.so")" = "libVorlink.so.1" ] || fail "libVorlink.so does not point to libVorlink.so.1"
-objdump -p "$lib" | grep -q 'SONAME *libVorlink.so.1$' || fail "soname is not libVorlink.so.1"
-for f in include/Vorlink/ZelkoMsgDefs.h include/Vorlink/ZelkoMsgProtoUtils.h include/Vorlink/ZelkoMsgRowList.h \
-         include/Vorlink/ZelkoMsgDefs.pb.h include/Vorlink/VorlinkExport.h include/Bytra/Types.h include/Bytra/Can.h \
-         share/vorlink/proto/ZelkoMsgDefs.proto bin/vorlink; do
-    [ -e "$prefix/$f" ] || fail "$f not installed"
-done
+tool_env=()
+
+if [ -z "$cpack" ]; then
+    prefix=$work/prefix
+    cmake --install "$build" --prefix "$prefix" > "$work/install.log"
+    lib=$(find "$prefix" -name 'libVorlink.so.1.*' -type f | head -1)
+    [ -n "$lib" ] || fail "no libVorlink.so.1.* installed"
+    libdir=$(dirname "$lib")
+    [ "$(readlink "$libdir/libVorlink.so.1")" = "$(basename "$lib")" ] || fail "libVorlink.so.1 does not point to $lib"
+    [ "$(readlink "$libdir/libVorlink.so")" = "libVorlink.so.1" ] || fail "libVorlink.so does not point to libVorlink.so.1"
+    objdump -p "$lib" | grep -q 'SONAME *libVorlink.so.1$' || fail "soname is not libVorlink.so.1"
+    for f in include/Vorlink/ZelkoMsgDefs.h include/Vorlink/ZelkoMsgProtoUtils.h include/Vorlink/ZelkoMsgRowList.h \
+             include/Vorlink/ZelkoMsgDefs.pb.h include/Vorlink/VorlinkExport.h include/Bytra/Types.h include/Bytra/Can.h \
+             share/vorlink/proto/ZelkoMsgDefs.proto bin/vorlink; do
+        [ -e "$prefix/$f" ] || fail "$f not installed"
+    done
+    # Every header that is installed must compile on its own from the installed tree.
+    for h in "$prefix"/include/Vorlink/*.h; do
+        case $h in *.pb.h) continue ;; esac
+        echo "#include \"$(basename "$h")\"" | c++ -std=c++17 -fsyntax-only -fPIC -x c++ - \
+            -I"$prefix/include/Vorlink" -I"$prefix/include" $(pkg-config --cflags Qt5Core protobuf) \
+            || fail "$(basename "$h") does not compile alone"
+    done
+else
+    version=$6-1
+    "$cpack" --config "$build/CPackConfig.cmake" -B "$work" > "$work/cpack.log" 2>&1 ||
+        { cat "$work/cpack.log"; fail "cpack"; }
+    debs=()
+    for p in libvorlink1 libvorlink-dev vorlink-tools; do
+        deb=$(echo "$work/${p}_${version}_"*.deb)
+        [ -f "$deb" ] || fail "no $p package of version $version"
+        debs+=("$deb")
+        dpkg-deb -x "$deb" "$work/root"
+    done
+    files() { dpkg-deb -c "$1" | awk '$1 !~ /^d/ { sub(/^\.\//, "", $6); print $6 }' | grep -v '^usr/share/doc/' | sort | xargs; }
+    [ "$(files "${debs[0]}")" = "usr/lib/libVorlink.so.1 usr/lib/libVorlink.so.$6" ] || fail "libvorlink1 holds $(files "${debs[0]}")"
+    [ "$(files "${debs[2]}")" = "usr/bin/vorlink" ] || fail "vorlink-tools holds $(files "${debs[2]}")"
+    files "${debs[1]}" | grep -q 'usr/share/vorlink/proto/ZelkoMsgDefs.proto' || fail "libvorlink-dev lacks the schema"
+    dpkg-deb -I "${debs[0]}" shlibs | grep -qx "libVorlink 1 libvorlink1 (>= $version)" || fail "libvorlink1 has no shlibs entry"
+    for deb in "${debs[@]:1}"; do
+        dpkg-deb -f "$deb" Depends | grep -qF "libvorlink1 (= $version)" || fail "$deb does not depend on libvorlink1"
+    done
+    dpkg-deb -f "${debs[2]}" Depends | grep -q 'libqt5core5a' || fail "no dependencies worked out for vorlink"
+    prefix=$work/root/usr libdir=$work/root/usr/lib
+    objdump -p "$prefix/bin/vorlink" | grep -q 'R.*PATH' && fail "the packaged vorlink keeps an RPATH"
+    tool_env=(env LD_LIBRARY_PATH="$libdir")
+    # A sanitizer build is never shipped; lintian judges the real ones.
+    if [ -z "$flags" ]; then
+        lint=$(lintian --fail-on error "${debs[@]}" 2>&1) || { echo "$lint"; fail "lintian reports errors"; }
+        grep -v 'root privileges' <<< "$lint" || true
+    fi
+fi
 [ -e "$libdir/cmake/Vorlink/VorlinkConfig.cmake" ] || fail "no CMake package"
 [ -e "$libdir/pkgconfig/vorlink.pc" ] || fail "no pkg-config file"
-
-# Every header that is installed must compile on its own from the installed tree.
-for h in "$prefix"/include/Vorlink/*.h; do
-    case $h in *.pb.h) continue ;; esac
-    echo "#include \"$(basename "$h")\"" | c++ -std=c++17 -fsyntax-only -fPIC -x c++ - \
-        -I"$prefix/include/Vorlink" -I"$prefix/include" $(pkg-config --cflags Qt5Core protobuf) \
-        || fail "$(basename "$h") does not compile alone"
-done
 
 # The host sources are copied out, so nothing of the source tree is in reach.
 cp -r "$host_src" "$work/host"
@@ -54,6 +86,10 @@ c++ -std=c++17 -fPIC $flags "$work/host/host.cpp" -o "$work/host-pc" $(pkg-confi
 got=$("$work/host-pc")
 [ "$got" = "$expected" ] || fail "pkg-config host printed '$got'"
 
-# The installed tool finds the installed library next to it.
-"$prefix/bin/vorlink" list 0x0100 | grep -q alarmsFlags || fail "installed vorlink does not run"
-echo "installed package: library, headers, schema, CMake package and pkg-config all work"
+# The tool that came with the library writes the host's protobuf bytes for the
+# same message, behind their varint length.
+proto=${expected%% *}
+tool=$(echo "1700000000.123 7 0x0100 02000000010000003c0000000500" |
+    "${tool_env[@]}" "$prefix/bin/vorlink" decode --format binary | od -An -tx1 -v | tr -d ' \n')
+[ "$tool" = "$(printf '%02x' $((${#proto} / 2)))$proto" ] || fail "$prefix/bin/vorlink wrote $tool"
+echo "library, headers, schema, CMake package, pkg-config and tool all work${cpack:+, from the Debian packages}"

@@ -1,0 +1,76 @@
+# Debian packages of the install rules, split the way Debian splits a library:
+#   libvorlink1     (component runtime)      libVorlink.so.1 and its real file
+#   libvorlink-dev  (component development)  headers, the libVorlink.so link,
+#                   libBytra.a, the CMake package, the pkg-config file, the schema
+#   vorlink-tools   (component tools)        the vorlink command
+# `scripts/package` builds them; `cpack -G DEB` in a build tree does the same.
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME vorlink)
+set(CPACK_PACKAGE_VENDOR "Vorlink developers")
+set(CPACK_PACKAGE_CONTACT "Vorlink developers <dev@vorlink.invalid>")
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_COMPONENTS_ALL runtime development tools)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
+set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# The tool's libVorlink.so.1 is not installed yet when its dependencies are
+# worked out: take it from the build tree. The package dependency on
+# libvorlink1 comes from the component dependency below.
+get_target_property(_vorlink_build_dir Vorlink BINARY_DIR)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${_vorlink_build_dir})
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
+set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
+
+set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS runtime)
+set(CPACK_COMPONENT_TOOLS_DEPENDS runtime)
+
+set(_vorlink_about "Vorlink is the message dictionary of the dialysis machine's internal CAN
+bus: it turns a received message into a typed record, wire bytes, protobuf
+bytes with a header, a one-line dump, and names and sizes by id.")
+
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libvorlink1)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+# dpkg's ldconfig trigger refreshes the loader cache, as Debian wants. CPack
+# also writes a postinst and postrm that call ldconfig themselves; lintian
+# warns about those, and they are harmless.
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/triggers)
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "message dictionary of the dialysis machine's CAN bus
+${_vorlink_about}
+.
+This package holds the shared library libVorlink.so.1.")
+
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libvorlink-dev)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+# The CMake package and the pkg-config file ask for Qt 5 Core and protobuf.
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "qtbase5-dev, libprotobuf-dev")
+set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "message dictionary of the dialysis machine's CAN bus - development files
+${_vorlink_about}
+.
+This package holds what a host program builds with: the headers, the
+libVorlink.so link, the static libBytra.a the library links publicly, the
+CMake package Vorlink::Vorlink, the pkg-config file vorlink and the schema
+ZelkoMsgDefs.proto.")
+
+set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME vorlink-tools)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
+set(CPACK_DEBIAN_TOOLS_DESCRIPTION "message dictionary of the dialysis machine's CAN bus - command-line tool
+${_vorlink_about}
+.
+This package holds the vorlink command: it decodes bus logs to dump lines,
+JSON, protobuf text or binary, encodes them back, lists the dictionary and
+writes synthetic logs.")
+
+# After the install into the staging directory: each package gets its
+# copyright and changelog, and the tool loses the RPATH it carries for
+# `cmake --install` (the packaged library lives in a system directory).
+set(CPACK_VORLINK_SOURCE_DIR ${PROJECT_SOURCE_DIR})
+set(CPACK_VORLINK_BINDIR ${CMAKE_INSTALL_BINDIR})
+set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/VorlinkDebStage.cmake)
+
+include(CPack)
