@@ -15,6 +15,8 @@
 #include <QLoggingCategory>
 #include <QString>
 
+#include <cstddef>
+#include <limits>
 #include <string>
 #include <tuple>
 #include <type_traits>
@@ -72,14 +74,54 @@ Q_ALWAYS_INLINE void copyFromSchema(const Message &message, Record &record, std:
 template <class Record>
 struct Schema;
 
-inline void updateHeader(messages::Header &header, const QDateTime &timestamp, short sequence, unsigned short msgId)
+// The schema message of one call, its Header and the Header's Timestamp side
+// by side in one object: the message points at its parts instead of owning
+// copies on the heap, and lets go of them before they end.
+template <class Message>
+class StampedMessage
 {
-    const qint64 ms = timestamp.toMSecsSinceEpoch();
-    google::protobuf::Timestamp &time = *header.mutable_timestamp();
-    time.set_seconds(ms / 1000);
-    time.set_nanos(int(ms % 1000) * 1000000);
-    header.set_sequence(sequence);
-    header.set_msgid(msgId);
+public:
+    StampedMessage(const QDateTime &timestamp, short sequence, unsigned short msgId)
+    {
+        const qint64 ms = timestamp.toMSecsSinceEpoch();
+        time_.set_seconds(ms / 1000);
+        time_.set_nanos(int(ms % 1000) * 1000000);
+        header_.unsafe_arena_set_allocated_timestamp(&time_);
+        header_.set_sequence(sequence);
+        header_.set_msgid(msgId);
+        message_.unsafe_arena_set_allocated_header(&header_);
+    }
+
+    ~StampedMessage()
+    {
+        message_.unsafe_arena_release_header();
+        header_.unsafe_arena_release_timestamp();
+    }
+
+    StampedMessage(const StampedMessage &) = delete;
+    StampedMessage &operator=(const StampedMessage &) = delete;
+
+    Message &get() { return message_; }
+
+private:
+    google::protobuf::Timestamp time_;
+    messages::Header header_;
+    Message message_;
+};
+
+// Writes the message's bytes straight into `out`, whose own buffer is reused
+// when it is not shared and large enough.
+template <class Message>
+bool serializeInto(const Message &message, QByteArray &out)
+{
+    const std::size_t size = message.ByteSizeLong();
+    if (size > std::size_t(std::numeric_limits<int>::max())) {
+        out = QByteArray();
+        return false;
+    }
+    out.resize(int(size));
+    message.SerializeWithCachedSizesToArray(reinterpret_cast<quint8 *>(out.data()));
+    return true;
 }
 
 // qDebug() drops a line when the default category has debug output off, but
@@ -107,13 +149,9 @@ bool serializeRecord(const Record &record, const QDateTime &timestamp, short seq
     using S = Schema<Record>;
     if constexpr (S::unionName != nullptr)
         warnPartial(S::unionName, "serialization");
-    typename S::Message message;
-    updateHeader(*message.mutable_header(), timestamp, sequence, msgId);
-    copyToSchema(record, message, S::fields);
-    std::string bytes;
-    const bool serialized = message.SerializeToString(&bytes);
-    out = serialized ? QByteArray(bytes.data(), int(bytes.size())) : QByteArray();
-    return serialized;
+    StampedMessage<typename S::Message> message(timestamp, sequence, msgId);
+    copyToSchema(record, message.get(), S::fields);
+    return serializeInto(message.get(), out);
 }
 
 template <class Record>
