@@ -14,6 +14,8 @@
 #include <QDebug>
 #include <QLoggingCategory>
 #include <QString>
+#include <QStringBuilder>
+#include <QtGlobal>
 
 #include <cstddef>
 #include <limits>
@@ -134,12 +136,17 @@ inline bool defaultDebugEnabled()
     return category == nullptr || category->isDebugEnabled();
 }
 
+// The line goes out as qDebug().noquote() writes it, with the same context,
+// but is made in one allocation and without the stream qDebug() builds.
 inline void warnPartial(const char *messageName, const char *direction)
 {
     if (!defaultDebugEnabled())
         return;
-    qDebug().noquote() << QStringLiteral("WARNING: MsgId=%1 contains union/oneof field(s); protobuf %2 is partial")
-                              .arg(QLatin1String(messageName), QLatin1String(direction));
+    const QString line = QLatin1String("WARNING: MsgId=") % QLatin1String(messageName) %
+                         QLatin1String(" contains union/oneof field(s); protobuf ") % QLatin1String(direction) %
+                         QLatin1String(" is partial");
+    const QMessageLogContext context(QT_MESSAGELOG_FILE, QT_MESSAGELOG_LINE, QT_MESSAGELOG_FUNC, "default");
+    qt_message_output(QtDebugMsg, context, line);
 }
 
 template <class Record>
