@@ -140,13 +140,14 @@ bool decodeRecord(Record &record, const QByteArray &buffer)
         if (Q_UNLIKELY(buffer.size() < wireSize<Record>()))
             return readShort(record, buffer);
         // The buffer holds the whole record: every field is read, none can
-        // fail, nothing is logged. The copies go into a local record that is
-        // then stored whole: a store into the caller's record could, for all
-        // the compiler knows, change the buffer, which would keep it from
-        // merging the copies.
-        Record local;
-        copyFromWire(local, buffer.constData(), std::make_index_sequence<fieldCount<Record>()>());
-        record = local;
+        // fail, nothing is logged. The wire image is first taken whole into a
+        // local copy: a store into the record could, for all the compiler
+        // knows, change the buffer, which would keep it from merging the
+        // field copies. (Building a local record instead and storing it whole
+        // reads the record back wider than it was written, which stalls.)
+        char image[wireSize<Record>()];
+        std::memcpy(image, buffer.constData(), sizeof image);
+        copyFromWire(record, image, std::make_index_sequence<fieldCount<Record>()>());
         return true;
     }
 }
