@@ -17,6 +17,8 @@
 #include <QStringBuilder>
 #include <QtGlobal>
 
+#include <google/protobuf/io/zero_copy_stream_impl_lite.h>
+
 #include <cstddef>
 #include <limits>
 #include <string>
@@ -78,32 +80,45 @@ struct Schema;
 
 // The schema message of one call, its Header and the Header's Timestamp side
 // by side in one object: the message points at its parts instead of owning
-// copies on the heap, and lets go of them before they end.
+// copies on the heap, and lets go of them before they end. Parsing merges
+// into the parts in place, so it must not start with a Clear(), which would
+// delete them.
 template <class Message>
-class StampedMessage
+class LocalMessage
 {
 public:
-    StampedMessage(const QDateTime &timestamp, short sequence, unsigned short msgId)
+    LocalMessage()
     {
-        const qint64 ms = timestamp.toMSecsSinceEpoch();
-        time_.set_seconds(ms / 1000);
-        time_.set_nanos(int(ms % 1000) * 1000000);
         header_.unsafe_arena_set_allocated_timestamp(&time_);
-        header_.set_sequence(sequence);
-        header_.set_msgid(msgId);
         message_.unsafe_arena_set_allocated_header(&header_);
     }
 
-    ~StampedMessage()
+    ~LocalMessage()
     {
         message_.unsafe_arena_release_header();
         header_.unsafe_arena_release_timestamp();
     }
 
-    StampedMessage(const StampedMessage &) = delete;
-    StampedMessage &operator=(const StampedMessage &) = delete;
+    LocalMessage(const LocalMessage &) = delete;
+    LocalMessage &operator=(const LocalMessage &) = delete;
 
     Message &get() { return message_; }
+
+    void stamp(const QDateTime &timestamp, short sequence, unsigned short msgId)
+    {
+        const qint64 ms = timestamp.toMSecsSinceEpoch();
+        time_.set_seconds(ms / 1000);
+        time_.set_nanos(int(ms % 1000) * 1000000);
+        header_.set_sequence(sequence);
+        header_.set_msgid(msgId);
+    }
+
+    // ParseFromArray without its Clear(): the message is fresh.
+    bool parse(const QByteArray &buffer)
+    {
+        google::protobuf::io::ArrayInputStream input(buffer.constData(), buffer.size());
+        return message_.MergeFromBoundedZeroCopyStream(&input, buffer.size());
+    }
 
 private:
     google::protobuf::Timestamp time_;
@@ -156,7 +171,8 @@ bool serializeRecord(const Record &record, const QDateTime &timestamp, short seq
     using S = Schema<Record>;
     if constexpr (S::unionName != nullptr)
         warnPartial(S::unionName, "serialization");
-    StampedMessage<typename S::Message> message(timestamp, sequence, msgId);
+    LocalMessage<typename S::Message> message;
+    message.stamp(timestamp, sequence, msgId);
     copyToSchema(record, message.get(), S::fields);
     return serializeInto(message.get(), out);
 }
@@ -167,10 +183,10 @@ bool deserializeRecord(const QByteArray &buffer, Record &record)
     using S = Schema<Record>;
     if constexpr (S::unionName != nullptr)
         warnPartial(S::unionName, "deserialization");
-    typename S::Message message;
-    if (!message.ParseFromArray(buffer.constData(), buffer.size()))
+    LocalMessage<typename S::Message> message;
+    if (!message.parse(buffer))
         return false;
-    copyFromSchema(message, record, S::fields);
+    copyFromSchema(message.get(), record, S::fields);
     return true;
 }
 
