@@ -69,6 +69,31 @@ TEST(Conversion, AlarmStatusDataGivesTheWorkedBytes)
     EXPECT_EQ(longer, out);
 }
 
+// The bytes are written into `out`'s own buffer where it can take them: what
+// it held before, a copy sharing it, or the payload itself must not show.
+TEST(Conversion, OutputReplacesALongerOutLeavesItsCopiesAndMayBeThePayload)
+{
+    const QByteArray payload = hex("02 00 00 00 01 00 00 00 3C 00 00 00 05 00");
+    QByteArray expected;
+    ASSERT_TRUE(zelko::canMessageToProtobufByteArray(atMs(kSeenMs), canMessage(0x0100, 7, payload), expected));
+
+    QByteArray out(200, kCanary);
+    const QByteArray copy = out;
+    ASSERT_TRUE(zelko::canMessageToProtobufByteArray(atMs(kSeenMs), canMessage(0x0100, 7, payload), out));
+    EXPECT_EQ(out, expected);
+    EXPECT_EQ(copy, QByteArray(200, kCanary));
+    zelko::AlarmStatusDataPayload record;
+    ASSERT_TRUE(record.fromQByteArray(payload));
+    QByteArray serialized = copy;
+    ASSERT_TRUE(zelko::serializeProto(record, atMs(kSeenMs), 7, 0x0100, serialized));
+    EXPECT_EQ(serialized, expected);
+    EXPECT_EQ(copy, QByteArray(200, kCanary));
+
+    Bytra::Can::Message inPlace = canMessage(0x0100, 7, payload);
+    ASSERT_TRUE(zelko::canMessageToProtobufByteArray(atMs(kSeenMs), inPlace, inPlace.payload));
+    EXPECT_EQ(inPlace.payload, expected);
+}
+
 TEST(Conversion, TdEventKeepsItsThreeFieldsAndWarns)
 {
     LogCapture log;

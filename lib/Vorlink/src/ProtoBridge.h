@@ -14,7 +14,13 @@
 #include <QDebug>
 #include <QLoggingCategory>
 #include <QString>
+#include <QStringBuilder>
+#include <QtGlobal>
 
+#include <google/protobuf/io/zero_copy_stream_impl_lite.h>
+
+#include <cstddef>
+#include <limits>
 #include <string>
 #include <tuple>
 #include <type_traits>
@@ -72,14 +78,67 @@ Q_ALWAYS_INLINE void copyFromSchema(const Message &message, Record &record, std:
 template <class Record>
 struct Schema;
 
-inline void updateHeader(messages::Header &header, const QDateTime &timestamp, short sequence, unsigned short msgId)
+// The schema message of one call, its Header and the Header's Timestamp side
+// by side in one object: the message points at its parts instead of owning
+// copies on the heap, and lets go of them before they end. Parsing merges
+// into the parts in place, so it must not start with a Clear(), which would
+// delete them.
+template <class Message>
+class LocalMessage
 {
-    const qint64 ms = timestamp.toMSecsSinceEpoch();
-    google::protobuf::Timestamp &time = *header.mutable_timestamp();
-    time.set_seconds(ms / 1000);
-    time.set_nanos(int(ms % 1000) * 1000000);
-    header.set_sequence(sequence);
-    header.set_msgid(msgId);
+public:
+    LocalMessage()
+    {
+        header_.unsafe_arena_set_allocated_timestamp(&time_);
+        message_.unsafe_arena_set_allocated_header(&header_);
+    }
+
+    ~LocalMessage()
+    {
+        message_.unsafe_arena_release_header();
+        header_.unsafe_arena_release_timestamp();
+    }
+
+    LocalMessage(const LocalMessage &) = delete;
+    LocalMessage &operator=(const LocalMessage &) = delete;
+
+    Message &get() { return message_; }
+
+    void stamp(const QDateTime &timestamp, short sequence, unsigned short msgId)
+    {
+        const qint64 ms = timestamp.toMSecsSinceEpoch();
+        time_.set_seconds(ms / 1000);
+        time_.set_nanos(int(ms % 1000) * 1000000);
+        header_.set_sequence(sequence);
+        header_.set_msgid(msgId);
+    }
+
+    // ParseFromArray without its Clear(): the message is fresh.
+    bool parse(const QByteArray &buffer)
+    {
+        google::protobuf::io::ArrayInputStream input(buffer.constData(), buffer.size());
+        return message_.MergeFromBoundedZeroCopyStream(&input, buffer.size());
+    }
+
+private:
+    google::protobuf::Timestamp time_;
+    messages::Header header_;
+    Message message_;
+};
+
+// Writes the message's bytes straight into `out`, whose own buffer is reused
+// when it is not shared and large enough.
+template <class Message>
+bool serializeInto(const Message &message, QByteArray &out)
+{
+    const std::size_t size = message.ByteSizeLong();
+    if (size > std::size_t(std::numeric_limits<int>::max())) {
+        out = QByteArray();
+        return false;
+    }
+    out.resize(int(size));
+    message.SerializeWithCachedSizesToArray(reinterpret_cast<quint8 *>(out.data()));
+    return true;
 }
 
 // qDebug() drops a line when the default category has debug output off, but
@@ -92,12 +151,17 @@ inline bool defaultDebugEnabled()
     return category == nullptr || category->isDebugEnabled();
 }
 
+// The line goes out as qDebug().noquote() writes it, with the same context,
+// but is made in one allocation and without the stream qDebug() builds.
 inline void warnPartial(const char *messageName, const char *direction)
 {
     if (!defaultDebugEnabled())
         return;
-    qDebug().noquote() << QStringLiteral("WARNING: MsgId=%1 contains union/oneof field(s); protobuf %2 is partial")
-                              .arg(QLatin1String(messageName), QLatin1String(direction));
+    const QString line = QLatin1String("WARNING: MsgId=") % QLatin1String(messageName) %
+                         QLatin1String(" contains union/oneof field(s); protobuf ") % QLatin1String(direction) %
+                         QLatin1String(" is partial");
+    const QMessageLogContext context(QT_MESSAGELOG_FILE, QT_MESSAGELOG_LINE, QT_MESSAGELOG_FUNC, "default");
+    qt_message_output(QtDebugMsg, context, line);
 }
 
 template <class Record>
@@ -107,13 +171,10 @@ bool serializeRecord(const Record &record, const QDateTime &timestamp, short seq
     using S = Schema<Record>;
     if constexpr (S::unionName != nullptr)
         warnPartial(S::unionName, "serialization");
-    typename S::Message message;
-    updateHeader(*message.mutable_header(), timestamp, sequence, msgId);
-    copyToSchema(record, message, S::fields);
-    std::string bytes;
-    const bool serialized = message.SerializeToString(&bytes);
-    out = serialized ? QByteArray(bytes.data(), int(bytes.size())) : QByteArray();
-    return serialized;
+    LocalMessage<typename S::Message> message;
+    message.stamp(timestamp, sequence, msgId);
+    copyToSchema(record, message.get(), S::fields);
+    return serializeInto(message.get(), out);
 }
 
 template <class Record>
@@ -122,10 +183,10 @@ bool deserializeRecord(const QByteArray &buffer, Record &record)
     using S = Schema<Record>;
     if constexpr (S::unionName != nullptr)
         warnPartial(S::unionName, "deserialization");
-    typename S::Message message;
-    if (!message.ParseFromArray(buffer.constData(), buffer.size()))
+    LocalMessage<typename S::Message> message;
+    if (!message.parse(buffer))
         return false;
-    copyFromSchema(message, record, S::fields);
+    copyFromSchema(message.get(), record, S::fields);
     return true;
 }
 

@@ -11,8 +11,10 @@
 #include <QLatin1String>
 #include <QString>
 #include <QStringList>
+#include <QtGlobal>
 
 #include <cstddef>
+#include <cstring>
 #include <tuple>
 #include <type_traits>
 #include <utility>
@@ -52,6 +54,32 @@ constexpr int wireSize()
     return std::apply([](const auto &...f) { return (0 + ... + widthOf(f)); }, Layout<Record>::fields);
 }
 
+template <class Record>
+constexpr std::size_t fieldCount()
+{
+    return std::tuple_size_v<std::remove_cv_t<decltype(Layout<Record>::fields)>>;
+}
+
+// Where field I starts in the record's wire image: the widths of the fields
+// before it.
+template <class Record, std::size_t... J>
+constexpr int wireOffsetOf(std::size_t index, std::index_sequence<J...>)
+{
+    return (0 + ... + (J < index ? widthOf(std::get<J>(Layout<Record>::fields)) : 0));
+}
+
+template <class Record, std::size_t I>
+constexpr int wireOffset()
+{
+    return wireOffsetOf<Record>(I, std::make_index_sequence<fieldCount<Record>()>());
+}
+
+// A wire value holds its bytes in bus order (Bytra::Types lays the value over
+// them), so a record's fields copy to and from the wire image as plain bytes.
+// The bus is little-endian, and a wire value's `value` is only its bus value
+// on a host that is too.
+static_assert(Q_BYTE_ORDER == Q_LITTLE_ENDIAN, "wire values overlay their bytes in the bus's little-endian order");
+
 // The field name goes to getValue by value, and getValue only prints it when
 // the value does not fit and the category lets the warning through; only then
 // is it made into a QString.
@@ -72,22 +100,6 @@ Q_ALWAYS_INLINE bool readFields(Record &record, const QByteArray &buffer, std::i
             readField(buffer, position, record.*(std::get<I>(fields).member), std::get<I>(fields).name));
 }
 
-// A buffer that holds the whole record: every getValue call succeeds, so none
-// needs the field's name and none can stop the decode early.
-template <class Record, std::size_t... I>
-Q_ALWAYS_INLINE void readAllFields(Record &record, const QByteArray &buffer, std::index_sequence<I...>)
-{
-    constexpr const auto &fields = Layout<Record>::fields;
-    int position = 0;
-    (Bytra::Types::getValue(buffer, position, record.*(std::get<I>(fields).member), QString()), ...);
-}
-
-template <class Record>
-constexpr std::size_t fieldCount()
-{
-    return std::tuple_size_v<std::remove_cv_t<decltype(Layout<Record>::fields)>>;
-}
-
 // A buffer too short for the record: the fields are read one by one until the
 // first that does not fit, whose getValue call writes the warning.
 template <class Record>
@@ -96,39 +108,59 @@ Q_NEVER_INLINE bool readShort(Record &record, const QByteArray &buffer)
     return readFields(record, buffer, std::make_index_sequence<fieldCount<Record>()>());
 }
 
+// Field by field between the record and its wire image, each a copy of
+// constant size at a constant place: the compiler merges neighbours into wide
+// moves.
+template <class Record, std::size_t... I>
+Q_ALWAYS_INLINE void copyFromWire(Record &record, const char *image, std::index_sequence<I...>)
+{
+    constexpr const auto &fields = Layout<Record>::fields;
+    (std::memcpy((record.*(std::get<I>(fields).member)).bytes, image + wireOffset<Record, I>(),
+                 sizeof((record.*(std::get<I>(fields).member)).bytes)),
+     ...);
+}
+
+template <class Record, std::size_t... I>
+Q_ALWAYS_INLINE void copyToWire(const Record &record, char *image, std::index_sequence<I...>)
+{
+    constexpr const auto &fields = Layout<Record>::fields;
+    (std::memcpy(image + wireOffset<Record, I>(), (record.*(std::get<I>(fields).member)).bytes,
+                 sizeof((record.*(std::get<I>(fields).member)).bytes)),
+     ...);
+}
+
 template <class Record>
 bool decodeRecord(Record &record, const QByteArray &buffer)
 {
     if constexpr (fieldCount<Record>() == 0) {
         return true;
     } else {
+        // Union records read fewer bytes than their payload carries: what
+        // matters is the bytes of their own fields.
         if (Q_UNLIKELY(buffer.size() < wireSize<Record>()))
             return readShort(record, buffer);
-        // Every field is read, into a local record that is then stored whole: a
-        // store into the caller's record could, for all the compiler knows,
-        // change the buffer, which would make it reload the buffer and recheck
-        // every copy for overlap.
-        Record local;
-        readAllFields(local, buffer, std::make_index_sequence<fieldCount<Record>()>());
-        record = local;
+        // The buffer holds the whole record: every field is read, none can
+        // fail, nothing is logged. The wire image is first taken whole into a
+        // local copy: a store into the record could, for all the compiler
+        // knows, change the buffer, which would keep it from merging the
+        // field copies. (Building a local record instead and storing it whole
+        // reads the record back wider than it was written, which stalls.)
+        char image[wireSize<Record>()];
+        std::memcpy(image, buffer.constData(), sizeof image);
+        copyFromWire(record, image, std::make_index_sequence<fieldCount<Record>()>());
         return true;
     }
 }
 
-template <class Wire>
-inline void appendBytes(QByteArray &out, const Wire &value)
-{
-    for (const quint8 byte : value.bytes)
-        out.append(char(byte));
-}
-
+// Appends the record's wire image in one call, which grows `out` at most once.
 template <class Record>
 void encodeRecord(const Record &record, QByteArray &out)
 {
     constexpr int size = wireSize<Record>();
     if constexpr (size > 0) {
-        out.reserve(out.size() + size);
-        std::apply([&](const auto &...f) { (appendBytes(out, record.*f.member), ...); }, Layout<Record>::fields);
+        char image[size];
+        copyToWire(record, image, std::make_index_sequence<fieldCount<Record>()>());
+        out.append(image, size);
     }
 }
 
