@@ -21,6 +21,8 @@ foreach(_pair "dygraphsJs=VORLINK_DYGRAPHS_JS" "dygraphsCss=VORLINK_DYGRAPHS_CSS
     list(GET _pair 0 _name)
     list(GET _pair 1 _file)
     file(READ "${${_file}}" _text)
+    # Source maps point at files the page does not carry.
+    string(REGEX REPLACE "(//|/\\*)# sourceMappingURL=[^\n]*" "" _text "${_text}")
     # The text goes into a raw string literal and then inside a <script> or
     # <style> element of the page: neither may end early.
     string(FIND "${_text}" ")vorlink_embed\"" _delimiter)

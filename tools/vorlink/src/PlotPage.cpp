@@ -75,14 +75,12 @@ const char *const pageScript = R"(
       if (s.bool) series[s.name] = {stepPlot: true};
     });
     chart.rows.forEach(function (row) { row[0] = new Date(row[0]); });
-    var g = new Dygraph(document.getElementById('graph' + i), chart.rows, {
+    graphs.push(new Dygraph(document.getElementById('graph' + i), chart.rows, {
       labels: labels, series: series, labelsUTC: true, labelsKMB: true, legend: 'always',
       labelsDiv: document.getElementById('legend' + i), labelsSeparateLines: true,
       connectSeparatedPoints: true, drawPoints: chart.rows.length < 300, animatedZooms: false,
       dateWindow: window, axes: {y: {valueFormatter: function (v) { return String(v); }}}
-    });
-    g.setSelection(chart.rows.length - 1);   // the legend starts with the last values
-    graphs.push(g);
+    }));
   });
   if (graphs.length > 1) Dygraph.synchronize(graphs, {zoom: true, selection: true, range: false});
 })();
