@@ -79,7 +79,8 @@ const char *const pageScript = R"(
       labels: labels, series: series, labelsUTC: true, labelsKMB: true, legend: 'always',
       labelsDiv: document.getElementById('legend' + i), labelsSeparateLines: true,
       connectSeparatedPoints: true, drawPoints: chart.rows.length < 300, animatedZooms: false,
-      dateWindow: window, axes: {y: {valueFormatter: function (v) { return String(v); }}}
+      pointSize: 2.5, dateWindow: window,
+      axes: {x: {axisLabelWidth: 90}, y: {valueFormatter: function (v) { return String(v); }}}
     }));
   });
   if (graphs.length > 1) Dygraph.synchronize(graphs, {zoom: true, selection: true, range: false});
