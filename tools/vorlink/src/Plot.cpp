@@ -138,7 +138,8 @@ int runPlot(const CLI::App &command, PlotOptions &options)
     std::vector<Wanted> wanted;
     for (; series != options.args.end(); ++series)
         if (!addSeries(*series, wanted, error))
-            return misuse(command, error);
+            return misuse(command, series == options.args.begin() ? error + " (and there is no file '" + *series + "')"
+                                                                  : error);
 
     // Only the messages to chart are converted.
     std::bitset<65536> ids;
