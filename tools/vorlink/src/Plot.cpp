@@ -117,7 +117,10 @@ double valueOf(const Message &message, const FieldDescriptor *field)
     switch (field->cpp_type()) {
     case FieldDescriptor::CPPTYPE_UINT32: return reflection->GetUInt32(message, field);
     case FieldDescriptor::CPPTYPE_INT32: return reflection->GetInt32(message, field);
-    case FieldDescriptor::CPPTYPE_FLOAT: return reflection->GetFloat(message, field);   // not finite: no point
+    case FieldDescriptor::CPPTYPE_FLOAT: {
+        const float value = reflection->GetFloat(message, field);
+        return std::isfinite(value) ? value : std::nan("");   // a chart has no place for it
+    }
     case FieldDescriptor::CPPTYPE_BOOL: return reflection->GetBool(message, field) ? 1 : 0;
     default: return std::nan("");
     }
@@ -165,6 +168,8 @@ int runPlot(const CLI::App &command, PlotOptions &options)
     std::vector<double> values;
     while (scan.next()) {
         const int c = chartOf[scan.entry().msgId];
+        if (c < 0)
+            continue;
         Message &message = *messages[std::size_t(c)];
         const QByteArray &proto = scan.proto();
         if (!message.ParseFromArray(proto.constData(), proto.size())) {
@@ -215,8 +220,9 @@ Command addPlotCommand(CLI::App &parent)
     command->footer(R"(One chart per message type, in the order the series were named, on one time
 axis (UTC): drag to zoom, shift-drag to pan, double-click to zoom out; the
 legend shows each field's value under the cursor. A bool field is drawn as a
-0/1 step; a union member that a message does not carry has no point there.
-The page embeds dygraphs and opens offline in any browser.
+0/1 step; a union member that a message does not carry, or a float that is
+not finite, has no point there. The page embeds dygraphs and opens offline
+in any browser.
 
 A chart of more than 5000 messages is reduced as the log is read: it shows
 the minimum and the maximum of each field in each of 1024 to 2048 time

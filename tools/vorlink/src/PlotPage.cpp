@@ -66,7 +66,7 @@ const char *const pageScript = R"(
   'use strict';
   var graphs = [], span = vorlinkSpan.slice();
   if (span[1] - span[0] < 1000) { span[0] -= 500; span[1] += 500; }
-  var pad = (span[1] - span[0]) / 50, window = [span[0] - pad, span[1] + pad];
+  var pad = (span[1] - span[0]) / 50, shown = [span[0] - pad, span[1] + pad];
   vorlinkCharts.forEach(function (chart, i) {
     if (chart.rows.length === 0) return;
     var labels = ['time (UTC)'], series = {};
@@ -79,11 +79,12 @@ const char *const pageScript = R"(
       labels: labels, series: series, labelsUTC: true, labelsKMB: true, legend: 'always',
       labelsDiv: document.getElementById('legend' + i), labelsSeparateLines: true,
       connectSeparatedPoints: true, drawPoints: chart.rows.length < 300, animatedZooms: false,
-      pointSize: 2.5, dateWindow: window,
+      pointSize: 2.5, dateWindow: shown,
       axes: {x: {axisLabelWidth: 90}, y: {valueFormatter: function (v) { return String(v); }}}
     }));
   });
   if (graphs.length > 1) Dygraph.synchronize(graphs, {zoom: true, selection: true, range: false});
+  window.vorlinkGraphs = graphs;   // for the browser's console
 })();
 )";
 
@@ -216,7 +217,8 @@ void PlotChart::writeJson(std::string &out) const
         // A log need not be in time order; the chart must be.
         std::vector<std::size_t> order(times_.size());
         std::iota(order.begin(), order.end(), std::size_t(0));
-        std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) { return times_[a] < times_[b]; });
+        std::stable_sort(order.begin(), order.end(),
+                         [&](std::size_t a, std::size_t b) { return times_[a] < times_[b]; });
         for (const std::size_t i : order)
             row(times_[i], [&](std::size_t k) { return values_[i * n + k]; });
     } else {
@@ -228,7 +230,8 @@ void PlotChart::writeJson(std::string &out) const
                 const Extreme &e = b.series[k];
                 return !e.any ? none : e.minAt <= e.maxAt ? e.min : e.max;
             });
-            const bool flat = std::all_of(b.series.begin(), b.series.end(), [](const Extreme &e) { return e.min == e.max; });
+            const bool flat = std::all_of(b.series.begin(), b.series.end(),
+                                          [](const Extreme &e) { return !e.any || e.min == e.max; });
             if (b.last != b.first || !flat)
                 row(b.last, [&](std::size_t k) {
                     const Extreme &e = b.series[k];
@@ -254,7 +257,10 @@ std::string plotPage(const std::string &logName, const std::vector<PlotChart> &c
                 reducedPoints += s.points;
     }
 
-    const std::string title = "vorlink plot: " + logName;
+    const std::string span = messages == 0 ? "no messages plotted"
+                                           : isoTime(first) + " to " + isoTime(last) + " (UTC), " +
+                                                 plural(messages, "message") + " plotted";
+    const std::string title = logName + ": " + span;
     std::string page = "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n<title>" +
                        escapeHtml(title) + "</title>\n<style>\n";
     page += dygraphsCss;
@@ -264,10 +270,7 @@ std::string plotPage(const std::string &logName, const std::vector<PlotChart> &c
     page += "\n</script>\n<script>\n";
     page += dygraphsSynchronizerJs;
     page += "\n</script>\n</head>\n<body>\n<h1>" + escapeHtml(logName) + "</h1>\n<p class=\"note\">";
-    if (messages == 0)
-        page += "No messages of the requested series in the selection.";
-    else
-        page += isoTime(first) + " to " + isoTime(last) + " (UTC), " + plural(messages, "message") + " plotted.";
+    page += messages == 0 ? "No messages of the requested series in the selection." : span + ".";
     page += " Drag to zoom, shift-drag to pan, double-click to zoom out; all charts share the time axis.</p>\n";
     if (reducedPoints > 0)
         page += "<p class=\"note reduced\">The data was reduced: charts of more than " +

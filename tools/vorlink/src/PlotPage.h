@@ -42,7 +42,7 @@ public:
     PlotChart(std::string message, unsigned id, std::vector<Series> series);
 
     // One message: its time and a value per series, NaN where it has none
-    // (an unset oneof member).
+    // (an unset oneof member, a float that is not finite).
     void add(qint64 msecs, const double *values);
 
     const std::string &message() const { return message_; }
@@ -61,13 +61,13 @@ public:
 private:
     struct Extreme
     {
-        double min, max;
-        qint64 minAt, maxAt;
-        bool any = false;
+        double min = 0, max = 0;
+        qint64 minAt = 0, maxAt = 0;
+        bool any = false;   // the bucket holds a value of the field
     };
     struct Bucket
     {
-        qint64 first, last;
+        qint64 first = 0, last = 0;   // times of its first and last message
         std::vector<Extreme> series;
     };
 

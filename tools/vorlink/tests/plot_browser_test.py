@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """Opens a page of `vorlink plot` in headless Chromium, offline: the page must run
-without a script error, show every requested field in its chart's legend, and
-draw the series on the canvas. Exits 77 (skipped) only when chromium is missing."""
+without a script error, show every requested field in its chart's legend, draw
+the series on the canvas and zoom all charts together. Exits 77 (skipped) only
+when chromium is missing."""
 
 import json
 import os
@@ -29,9 +30,13 @@ var charts = [].map.call(document.querySelectorAll('section'), function (s) {
   var labels = [].map.call(s.querySelectorAll('.legend > span'), function (b) { return b.textContent.trim(); });
   return {title: s.querySelector('h2').firstChild.textContent.trim(), labels: labels, coloured: coloured};
 });
+// Zooming one chart zooms all of them.
+var range = vorlinkGraphs[0].xAxisRange(), zoom = [range[0] + 1000, range[0] + 2000];
+vorlinkGraphs[0].updateOptions({dateWindow: zoom});
+var zoomed = vorlinkGraphs.map(function (g) { return g.xAxisRange().join(' ') == zoom.join(' '); });
 var pre = document.createElement('pre');
 pre.id = 'report';
-pre.textContent = JSON.stringify({errors: errors, charts: charts});
+pre.textContent = JSON.stringify({errors: errors, charts: charts, zoomed: zoomed});
 document.body.appendChild(pre);
 </script>"""
 
@@ -64,12 +69,14 @@ def main():
             fields[name] = [l.split()[2] for l in listing.splitlines()[1:]]
 
     found = re.search(r'<pre id="report">(.*?)</pre>', r.stdout, re.S)
-    failures = [] if found else ["no report in the page's DOM:\n" + r.stdout[-2000:] + r.stderr[-2000:]]
+    uncaught = ["console: " + l for l in r.stderr.splitlines() if "Uncaught" in l]
+    failures = uncaught + ([] if found else ["no report in the page's DOM (exit status %d)" % r.returncode])
     if found:
         report = json.loads(found.group(1).replace("&quot;", '"').replace("&amp;", "&").replace("&lt;", "<")
                             .replace("&gt;", ">"))
         failures += ["script error: " + e for e in report["errors"]]
-        failures += ["console: " + l for l in r.stderr.splitlines() if "Uncaught" in l]
+        if report["zoomed"] != [True] * 3:
+            failures.append(f"zooming the first chart zoomed {report['zoomed']}")
         want = {"DdTemperatureData": ["d1Temp", "boardTemp"], **fields}
         got = {c["title"]: c for c in report["charts"]}
         if sorted(got) != sorted(want):
