@@ -34,6 +34,7 @@ Command addEncodeCommand(CLI::App &parent);
 Command addStatsCommand(CLI::App &parent);
 Command addListCommand(CLI::App &parent);
 Command addSynthCommand(CLI::App &parent);
+Command addPlotCommand(CLI::App &parent);
 
 // Reports misuse found after the command line was parsed (a value that reads
 // but means nothing, a file that cannot be opened) and returns exitMisuse.

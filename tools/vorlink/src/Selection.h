@@ -26,6 +26,14 @@ public:
     // and the reason.
     bool resolve(std::string &error);
 
+    // Narrows the selection further to these ids, for a command that only
+    // needs some messages; call after resolve().
+    void keepOnly(const std::bitset<65536> &ids)
+    {
+        ids_ = all_ ? ids : ids_ & ids;
+        all_ = false;
+    }
+
     bool wantsId(quint16 id) const { return all_ || ids_[id]; }
     bool wantsTime(qint64 msecs) const { return msecs >= from_ && msecs <= to_; }
     bool wants(const BusLogEntry &entry) const { return wantsId(entry.msgId) && wantsTime(entry.msecs); }

@@ -450,6 +450,53 @@ class ProgressBar(unittest.TestCase):
         self.assertEqual(quiet, b"")
 
 
+class Plot(unittest.TestCase):
+    def test_bad_series_is_misuse_and_writes_nothing(self):
+        with tempfile.TemporaryDirectory() as tmp:
+            page = os.path.join(tmp, "p.html")
+            for args, words in ((["DdTemprature"], "nearest: DdTemperatureData"),
+                                (["-", "DdTemperatureData.d1Tmp"], "nearest: DdTemperatureData.d1Temp"),
+                                (["-"], "no SERIES")):
+                r = run("plot", *args, "-o", page, stdin=ALARM_LINE.encode())
+                self.assertEqual((r.returncode, r.stdout), (2, b""), args)
+                self.assertIn(words, r.stderr.decode(), args)
+                self.assertFalse(os.path.exists(page), args)
+
+    def test_values_reduction_and_empty_series(self):
+        # d1Temp of 12000 DdTemperatureData messages, 1 ms apart, two of the first
+        # ten out of order, with one spike and one dip.
+        values = [i % 100 + 0.1 for i in range(12000)]
+        values[7777], values[9000] = 5000.0, -300.0
+        lines = [f"{1700000000 + i / 1000:.3f} 1 0x2600 {struct.pack('<24f', v, *[0] * 23).hex()}"
+                 for i, v in enumerate(values)]
+        lines[3], lines[4] = lines[4], lines[3]
+        log = "\n".join(lines + ["1700000020 1 0x1700 0900000001000000020000002a00000003000000"]).encode()
+
+        def charts(*args):
+            r = run("plot", *args, "-o", "-", stdin=log)
+            self.assertEqual((r.returncode, r.stderr), (0, b""), args)
+            page = r.stdout.decode()
+            return page, json.loads(re.search(r"var vorlinkCharts = (\[.*?\n\]);", page, re.S).group(1))
+
+        page, (temp, alarm, event) = charts("DdTemperatureData.d1Temp", "AlarmStatusData", "TdEvent")
+        self.assertEqual(temp["series"][0]["points"], 12000)
+        times = [r[0] for r in temp["rows"]]
+        drawn = [r[1] for r in temp["rows"]]
+        self.assertLess(len(drawn), 5000)
+        self.assertEqual(times, sorted(times))
+        self.assertEqual((max(drawn), min(drawn)), (5000, -300))   # no spike lost
+        self.assertLessEqual(set(drawn), set(values))
+        self.assertTrue("Reduced from 12000 points" in page)
+        self.assertEqual(alarm["rows"], [])
+        self.assertTrue("No points in the selection: alarmState, alarmTop" in page)
+        self.assertEqual([r[1:4] + r[4:] for r in event["rows"]], [[9, 1, 2] + [None] * 8])
+        self.assertTrue("No points in the selection: data1_bool, data1_uint32" in page)
+
+        page, [temp] = charts("--to", "1700000000.099", "DdTemperatureData.d1Temp")
+        self.assertEqual(temp["rows"], [[1700000000000 + i, values[i]] for i in range(100)])
+        self.assertFalse("Reduced" in page or "note reduced" in page)
+
+
 if __name__ == "__main__":
     parser = argparse.ArgumentParser()
     parser.add_argument("--tool", required=True)
