@@ -1,5 +1,6 @@
 #include "BusLog.h"
 #include "Dictionary.h"
+#include "JsonCodec.h"
 
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/message.h>
@@ -48,8 +49,13 @@ LineResult parseJsonLine(std::string_view line, BusLogEntry &entry)
         ++first;
     if (first == line.size())
         return {};
+    LineResult ok;
+    ok.kind = LineResult::Message;
+    if (readJsonLineFast(line, entry))
+        return ok;
 
-    // Every schema message has its Header at number 1, so the header is read
+    // Anything else goes through protobuf's parser, which knows every form of
+    // its JSON mapping and names what is wrong. Every schema message has its Header at number 1, so the header is read
     // first on its own, through Envelope, to learn the message type.
     const Dictionary &dictionary = Dictionary::instance();
     const auto *envelopeType =
@@ -101,8 +107,6 @@ LineResult parseJsonLine(std::string_view line, BusLogEntry &entry)
     entry.msecs = msecs;
     entry.sequence = quint16(sequence);
     entry.msgId = quint16(msgId);
-    LineResult ok;
-    ok.kind = LineResult::Message;
     return ok;
 }
 

@@ -4,6 +4,7 @@
 #include "BusLog.h"
 #include "Dictionary.h"
 #include "Io.h"
+#include "JsonCodec.h"
 
 #include "ZelkoMsgDefs.h"
 #include "ZelkoMsgProtoUtils.h"
@@ -309,9 +310,6 @@ int runDecode(int argc, char **argv)
     Progress progress(!args.has("no-progress"), input.totalBytes());
     Rejects rejects(input.name(), progress);
 
-    google::protobuf::util::JsonPrintOptions jsonOptions;
-    jsonOptions.preserve_proto_field_names = true;
-    jsonOptions.always_print_primitive_fields = true;
     google::protobuf::TextFormat::Printer textPrinter;
     std::vector<std::unique_ptr<google::protobuf::Message>> parsed(dictionary.rows().size());
     std::string text;
@@ -374,7 +372,17 @@ int runDecode(int argc, char **argv)
             row->dumpPayload(entry.payload);
             dumpTarget = nullptr;
             break;
-        case Format::Json:
+        case Format::Json: {
+            std::string &buffer = out.buffer();
+            if (!appendJsonMessage(*row, proto.constData(), std::size_t(proto.size()), buffer, error)) {
+                rejects.report(input.lineNumber(), error);
+                stop = strict;
+                break;
+            }
+            buffer.push_back('\n');
+            out.commit();
+            break;
+        }
         case Format::Text: {
             const std::size_t index = std::size_t(row - dictionary.rows().data());
             if (!parsed[index])
@@ -387,21 +395,10 @@ int runDecode(int argc, char **argv)
                 break;
             }
             text.clear();
-            if (format == Format::Json) {
-                const auto status = google::protobuf::util::MessageToJsonString(schema, &text, jsonOptions);
-                if (!status.ok()) {
-                    rejects.report(input.lineNumber(), "no JSON for " + protoName + ": " + status.ToString());
-                    stop = strict;
-                    break;
-                }
-                out.append(text);
-                out.append('\n');
-            } else {
-                textPrinter.PrintToString(schema, &text);
-                out.append("# line " + std::to_string(input.lineNumber()) + ": " + protoName + "\n");
-                out.append(text);
-                out.append('\n');
-            }
+            textPrinter.PrintToString(schema, &text);
+            out.append("# line " + std::to_string(input.lineNumber()) + ": " + protoName + "\n");
+            out.append(text);
+            out.append('\n');
             break;
         }
         }
