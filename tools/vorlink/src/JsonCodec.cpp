@@ -11,7 +11,12 @@
 #include <google/protobuf/util/time_util.h>
 #include <google/protobuf/wire_format_lite.h>
 
-#include <rapidjson/memorystream.h>
+// RapidJSON's reader scans blanks and strings 16 bytes at a time with SSE2;
+// it reads up to 15 bytes past the end, which the copy of the line it parses
+// keeps for it.
+#if defined(__SSE2__) && !defined(RAPIDJSON_SSE2)
+#define RAPIDJSON_SSE2
+#endif
 #include <rapidjson/reader.h>
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
@@ -39,12 +44,19 @@ using google::protobuf::util::TimeUtil;
 
 enum class Kind : std::uint8_t { UInt32, Int32, Bool, Float };
 
+// A piece of a row's text, kept together with the others for the cache.
+struct Span
+{
+    std::uint32_t at = 0, size = 0;
+};
+
 struct Slot
 {
     const FieldDescriptor *field;
     Kind kind;
     int oneof;                 // index of its oneof in the message, or -1
-    std::string_view name, jsonName;
+    Span key;                  // the name as a JSON string, quoted and escaped
+    Span name, jsonName;
 };
 
 struct Layout
@@ -53,13 +65,33 @@ struct Layout
     std::vector<Slot> slots;   // scalar fields in declaration order
     std::vector<int> byNumber; // field number -> slot; -1 none
     int headerNumber = 0;
+    Span headerKey;
+    std::string text;          // what the spans point into
+
+    Span add(std::string_view piece)
+    {
+        const Span span{std::uint32_t(text.size()), std::uint32_t(piece.size())};
+        text.append(piece.data(), piece.size());
+        return span;
+    }
+    std::string_view operator[](Span span) const { return std::string_view(text).substr(span.at, span.size); }
 };
+
+// A name as a JSON string, written by RapidJSON once.
+std::string quoted(const std::string &name)
+{
+    rapidjson::StringBuffer buffer;
+    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    writer.String(name.data(), rapidjson::SizeType(name.size()));
+    return std::string(buffer.GetString(), buffer.GetSize());
+}
 
 // The header's fields, checked once against the schema.
 struct HeaderShape
 {
     bool ok = false;
-    std::string_view timestamp, sequence, msgId;   // their names (both forms are the same)
+    std::string timestamp, sequence, msgId;   // their names (both forms are the same)
+    std::string timestampKey, sequenceKey, msgIdKey;
 };
 
 bool sameNames(const FieldDescriptor *f) { return f->name() == f->json_name(); }
@@ -80,6 +112,9 @@ HeaderShape checkHeader(const Descriptor *header)
     shape.timestamp = t->name();
     shape.sequence = s->name();
     shape.msgId = m->name();
+    shape.timestampKey = quoted(t->name());
+    shape.sequenceKey = quoted(s->name());
+    shape.msgIdKey = quoted(m->name());
     return shape;
 }
 
@@ -98,6 +133,7 @@ Layout makeLayout(const RowInfo &row, const HeaderShape &header)
             if (i != 0 || f->message_type()->full_name() != "zelko.messages.Header" || f->containing_oneof() != nullptr)
                 return layout;
             layout.headerNumber = f->number();
+            layout.headerKey = layout.add(quoted(f->name()));
             continue;
         }
         Kind kind;
@@ -109,7 +145,8 @@ Layout makeLayout(const RowInfo &row, const HeaderShape &header)
         default: return layout;
         }
         const auto *oneof = f->real_containing_oneof();
-        layout.slots.push_back({f, kind, oneof != nullptr ? oneof->index() : -1, f->name(), f->json_name()});
+        layout.slots.push_back({f, kind, oneof != nullptr ? oneof->index() : -1, layout.add(quoted(f->name())),
+                                layout.add(f->name()), layout.add(f->json_name())});
     }
     if (layout.headerNumber == 0)
         return layout;
@@ -255,6 +292,8 @@ bool readValues(const Layout &layout, const char *data, std::size_t size, Messag
 
 // ----------------------------------------------------------------- numbers
 
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
+
 float floatOf(std::uint32_t bits)
 {
     float f;
@@ -331,8 +370,6 @@ std::size_t formatTimestamp(qint64 seconds, qint32 nanos, char *text)
     return n;
 }
 
-bool isDigit(char c) { return c >= '0' && c <= '9'; }
-
 // "YYYY-MM-DDTHH:MM:SS[.f{1,9}]Z" as protobuf reads it; false for any other
 // spelling (offsets, lower-case letters), which protobuf then reads.
 bool parseTimestamp(std::string_view text, qint64 &seconds, qint32 &nanos)
@@ -369,17 +406,35 @@ bool parseTimestamp(std::string_view text, qint64 &seconds, qint32 &nanos)
 
 // ------------------------------------------------------------------ writer
 
+// RapidJSON's writer, which keeps the commas, colons and nesting, handed
+// pieces that are ready (keys RapidJSON quoted when the layout was made,
+// numbers) to copy in one go rather than a byte at a time.
+class Writer : public rapidjson::Writer<rapidjson::StringBuffer>
+{
+public:
+    using rapidjson::Writer<rapidjson::StringBuffer>::Writer;
+
+    void raw(std::string_view text, rapidjson::Type type)
+    {
+        Prefix(type);
+        std::memcpy(os_->Push(text.size()), text.data(), text.size());
+    }
+    // `format(at)` writes at most 32 characters at `at` and returns their end.
+    template <class Format>
+    void number(Format format)
+    {
+        Prefix(rapidjson::kNumberType);
+        char *at = os_->Push(32);
+        os_->Pop(std::size_t(32 - (format(at) - at)));
+    }
+};
+
 struct JsonWriter
 {
     rapidjson::StringBuffer buffer;
-    rapidjson::Writer<rapidjson::StringBuffer> writer{buffer};
+    Writer writer{buffer};
     MessageValues values;
 };
-
-void key(rapidjson::Writer<rapidjson::StringBuffer> &w, std::string_view name)
-{
-    w.Key(name.data(), rapidjson::SizeType(name.size()));
-}
 
 bool writeFast(const RowInfo &row, const char *proto, std::size_t size, std::string &out)
 {
@@ -390,14 +445,19 @@ bool writeFast(const RowInfo &row, const char *proto, std::size_t size, std::str
     MessageValues &v = json.values;
     if (!readValues(layout, proto, size, v))
         return false;
-    char time[40];
+    char time[48];
     std::size_t timeSize = 0;
-    if (v.hasTimestamp) {
-        if (!timestampInRange(v.seconds, v.nanos) || (timeSize = formatTimestamp(v.seconds, v.nanos, time)) == 0)
+    if (v.hasTimestamp) {   // quoted; digits and "-T:.Z" need no escape
+        if (!timestampInRange(v.seconds, v.nanos) || (timeSize = formatTimestamp(v.seconds, v.nanos, time + 1)) == 0)
             return false;   // protobuf's writer names the fault
+        time[0] = '"';
+        time[++timeSize] = '"';
+        ++timeSize;
     }
 
-    auto &w = json.writer;
+    using rapidjson::kNumberType;
+    using rapidjson::kStringType;
+    Writer &w = json.writer;
     json.buffer.Clear();
     w.Reset(json.buffer);
     w.StartObject();
@@ -405,15 +465,15 @@ bool writeFast(const RowInfo &row, const char *proto, std::size_t size, std::str
     // the oneof members that are set; in the header the time comes last.
     if (v.hasHeader) {
         const HeaderShape &header = layouts().header;
-        key(w, row.descriptor->field(0)->name());
+        w.raw(layout[layout.headerKey], kStringType);
         w.StartObject();
-        key(w, header.sequence);
-        w.Int(v.sequence);
-        key(w, header.msgId);
-        w.Uint(v.msgId);
+        w.raw(header.sequenceKey, kStringType);
+        w.number([&](char *at) { return rapidjson::internal::i32toa(v.sequence, at); });
+        w.raw(header.msgIdKey, kStringType);
+        w.number([&](char *at) { return rapidjson::internal::u32toa(v.msgId, at); });
         if (v.hasTimestamp) {
-            key(w, header.timestamp);
-            w.String(time, rapidjson::SizeType(timeSize));
+            w.raw(header.timestampKey, kStringType);
+            w.raw(std::string_view(time, timeSize), kStringType);
         }
         w.EndObject();
     }
@@ -423,19 +483,20 @@ bool writeFast(const RowInfo &row, const char *proto, std::size_t size, std::str
             const FieldValue &value = v.fields[k];
             if ((slot.oneof >= 0) != (pass == 1) || !value.present)
                 continue;
-            key(w, slot.name);
+            w.raw(layout[slot.key], kStringType);
+            const std::uint32_t bits = value.bits;
             switch (slot.kind) {
-            case Kind::UInt32: w.Uint(value.bits); break;
-            case Kind::Int32: w.Int(int(value.bits)); break;
-            case Kind::Bool: w.Bool(value.bits != 0); break;
+            case Kind::UInt32: w.number([&](char *at) { return rapidjson::internal::u32toa(bits, at); }); break;
+            case Kind::Int32:
+                w.number([&](char *at) { return rapidjson::internal::i32toa(std::int32_t(bits), at); });
+                break;
+            case Kind::Bool: w.Bool(bits != 0); break;
             case Kind::Float: {
-                const float f = floatOf(value.bits);
-                if (!std::isfinite(f)) {
+                const float f = floatOf(bits);
+                if (std::isfinite(f))
+                    w.number([&](char *at) { return at + formatFloatJson(f, at); });
+                else
                     w.String(nonFiniteName(f));
-                } else {
-                    char text[32];
-                    w.RawValue(text, formatFloatJson(f, text), rapidjson::kNumberType);
-                }
                 break;
             }
             }
@@ -521,11 +582,13 @@ public:
         if (layout_ == nullptr)   // the header comes first, as protobuf writes it
             return !headerSeen_ && name == "header" && (pending_ = Header, true);
         // Fields mostly come in the order of the slots.
-        const auto &slots = layout_->slots;
+        const Layout &l = *layout_;
+        const auto named = [&](const Slot &slot) { return l[slot.name] == name || l[slot.jsonName] == name; };
+        const auto &slots = l.slots;
         std::size_t k = next_;
-        if (k >= slots.size() || (slots[k].name != name && slots[k].jsonName != name)) {
+        if (k >= slots.size() || !named(slots[k])) {
             for (k = 0; k < slots.size(); ++k)
-                if (slots[k].name == name || slots[k].jsonName == name)
+                if (named(slots[k]))
                     break;
             if (k == slots.size())
                 return false;
@@ -717,14 +780,18 @@ bool readJsonLineFast(std::string_view line, BusLogEntry &entry)
     {
         rapidjson::Reader reader;
         LineHandler handler;
+        std::string copy;
     };
     thread_local Parser parser;
     parser.handler.reset();
-    rapidjson::MemoryStream stream(line.data(), line.size());
-    const auto result =
-        parser.reader.Parse<rapidjson::kParseNumbersAsStringsFlag | rapidjson::kParseStopWhenDoneFlag>(stream,
-                                                                                                        parser.handler);
-    if (result.IsError())
+    // Parsed in place, in a copy: RapidJSON's strings then need no copy of their own.
+    std::string &copy = parser.copy;
+    copy.assign(line.data(), line.size());
+    copy.append(16, '\0');
+    rapidjson::InsituStringStream stream(&copy[0]);
+    constexpr unsigned flags =
+        rapidjson::kParseInsituFlag | rapidjson::kParseNumbersAsStringsFlag | rapidjson::kParseStopWhenDoneFlag;
+    if (parser.reader.Parse<flags>(stream, parser.handler).IsError())
         return false;
     // Only blanks may follow the object (a NUL byte would end RapidJSON's stream).
     for (std::size_t k = stream.Tell(); k < line.size(); ++k)
