@@ -316,10 +316,12 @@ std::size_t formatFloatJson(float value, char *text)
         std::memcpy(text, "-0.0", 4);
         return 4;
     }
+    // protobuf's check reads back with strtof, which calls every subnormal
+    // result out of range: those always get nine digits.
     auto r = std::to_chars(text, text + room, value, std::chars_format::general, 6);
     float back = 0;
     const auto parsed = std::from_chars(text, r.ptr, back);
-    if (parsed.ec != std::errc() || back != value)
+    if (parsed.ec != std::errc() || back != value || std::fpclassify(value) == FP_SUBNORMAL)
         r = std::to_chars(text, text + room, value, std::chars_format::general, 9);
     return std::size_t(r.ptr - text);
 }
