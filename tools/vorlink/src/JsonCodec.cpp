@@ -187,51 +187,101 @@ const Layout &layoutOf(const RowInfo &row)
 
 // ---------------------------------------------------------- reading bytes
 
-// Reads one length-delimited submessage's fields with `field(number, wireType)`,
-// which returns false on anything unexpected. Field numbers must rise.
-template <class Field>
-bool readNested(CodedInputStream &in, Field field)
+// protobuf's wire format over the bytes of one message, read as protobuf's
+// parser reads it: a 32-bit field takes the low bits of its varint.
+class WireReader
 {
-    std::uint32_t length;
-    if (!in.ReadVarint32(&length))
-        return false;
-    const auto limit = in.PushLimit(int(length));
-    int last = 0;
-    while (const std::uint32_t tag = in.ReadTag()) {
-        const int number = int(WireFormatLite::GetTagFieldNumber(tag));
-        if (number <= last || !field(number, WireFormatLite::GetTagWireType(tag)))
-            return false;
-        last = number;
-    }
-    if (in.BytesUntilLimit() != 0)
-        return false;
-    in.PopLimit(limit);
-    return true;
-}
+public:
+    WireReader(const std::uint8_t *begin, const std::uint8_t *end) : p_(begin), end_(end) {}
 
-bool readHeader(CodedInputStream &in, MessageValues &v)
+    bool atEnd() const { return p_ == end_; }
+    bool varint(std::uint64_t &value)
+    {
+        value = 0;
+        for (int shift = 0; shift < 64; shift += 7) {
+            if (p_ == end_)
+                return false;
+            const std::uint8_t byte = *p_++;
+            value |= std::uint64_t(byte & 0x7F) << shift;
+            if (byte < 0x80)
+                return true;
+        }
+        return false;
+    }
+    bool varint32(std::uint32_t &value)
+    {
+        std::uint64_t v;
+        return varint(v) && (value = std::uint32_t(v), true);
+    }
+    bool fixed32(std::uint32_t &value)
+    {
+        if (end_ - p_ < 4)
+            return false;
+        p_ = CodedInputStream::ReadLittleEndian32FromArray(p_, &value);
+        return true;
+    }
+    // The next field's number and wire type; number 0 when the tag is bad.
+    int tag(WireFormatLite::WireType &type)
+    {
+        std::uint64_t tag;
+        if (!varint(tag) || tag > 0xFFFFFFFFu)
+            return 0;
+        type = WireFormatLite::GetTagWireType(std::uint32_t(tag));
+        return int(WireFormatLite::GetTagFieldNumber(std::uint32_t(tag)));
+    }
+    // A length-delimited field's bytes, for a reader of their own.
+    bool nested(WireReader &inner)
+    {
+        std::uint64_t length;
+        if (!varint(length) || length > std::uint64_t(end_ - p_))
+            return false;
+        inner = WireReader(p_, p_ + length);
+        p_ += length;
+        return true;
+    }
+
+    // Reads a submessage's fields with `field(reader, number, wireType)`,
+    // which returns false on anything unexpected. Field numbers must rise.
+    template <class Field>
+    bool message(Field field)
+    {
+        WireReader inner(nullptr, nullptr);
+        if (!nested(inner))
+            return false;
+        int last = 0;
+        while (!inner.atEnd()) {
+            WireFormatLite::WireType type;
+            const int number = inner.tag(type);
+            if (number <= last || !field(inner, number, type))
+                return false;
+            last = number;
+        }
+        return true;
+    }
+
+private:
+    const std::uint8_t *p_, *end_;
+};
+
+bool readHeader(WireReader &in, MessageValues &v)
 {
     v.hasHeader = true;
-    return readNested(in, [&](int number, WireFormatLite::WireType type) {
+    return in.message([&](WireReader &header, int number, WireFormatLite::WireType type) {
         std::uint32_t u32;
         if (number == 1 && type == WireFormatLite::WIRETYPE_LENGTH_DELIMITED) {
             v.hasTimestamp = true;
-            return readNested(in, [&](int n, WireFormatLite::WireType t) {
+            return header.message([&](WireReader &time, int n, WireFormatLite::WireType t) {
                 std::uint64_t u64;
-                if (t != WireFormatLite::WIRETYPE_VARINT)
+                if (t != WireFormatLite::WIRETYPE_VARINT || !time.varint(u64))
                     return false;
-                if (n == 1 && in.ReadVarint64(&u64)) {
+                if (n == 1)
                     v.seconds = qint64(u64);
-                    return true;
-                }
-                if (n == 2 && in.ReadVarint32(&u32)) {
-                    v.nanos = qint32(u32);
-                    return true;
-                }
-                return false;
+                else if (n == 2)
+                    v.nanos = qint32(std::uint32_t(u64));
+                return n == 1 || n == 2;
             });
         }
-        if (type != WireFormatLite::WIRETYPE_VARINT || (number != 2 && number != 3) || !in.ReadVarint32(&u32))
+        if (type != WireFormatLite::WIRETYPE_VARINT || (number != 2 && number != 3) || !header.varint32(u32))
             return false;
         (number == 2 ? reinterpret_cast<std::uint32_t &>(v.sequence) : v.msgId) = u32;
         return true;
@@ -247,15 +297,14 @@ bool readValues(const Layout &layout, const char *data, std::size_t size, Messag
     v.fields.resize(layout.slots.size());
     for (std::size_t k = 0; k < layout.slots.size(); ++k)
         v.fields[k] = FieldValue{layout.slots[k].field, 0, layout.slots[k].oneof < 0};
-    if (size > std::size_t(std::numeric_limits<int>::max()))
-        return false;
 
-    CodedInputStream in(reinterpret_cast<const std::uint8_t *>(data), int(size));
+    const auto *bytes = reinterpret_cast<const std::uint8_t *>(data);
+    WireReader in(bytes, bytes + size);
     int last = 0;
     int oneofSeen = 0;   // bit per oneof
-    while (const std::uint32_t tag = in.ReadTag()) {
-        const int number = int(WireFormatLite::GetTagFieldNumber(tag));
-        const auto type = WireFormatLite::GetTagWireType(tag);
+    while (!in.atEnd()) {
+        WireFormatLite::WireType type;
+        const int number = in.tag(type);
         if (number <= last || std::size_t(number) >= layout.byNumber.size())
             return false;
         last = number;
@@ -276,18 +325,18 @@ bool readValues(const Layout &layout, const char *data, std::size_t size, Messag
             value.present = true;
         }
         if (slot.kind == Kind::Float) {
-            if (type != WireFormatLite::WIRETYPE_FIXED32 || !in.ReadLittleEndian32(&value.bits))
+            if (type != WireFormatLite::WIRETYPE_FIXED32 || !in.fixed32(value.bits))
                 return false;
         } else if (slot.kind == Kind::Bool) {
             std::uint64_t b;
-            if (type != WireFormatLite::WIRETYPE_VARINT || !in.ReadVarint64(&b))
+            if (type != WireFormatLite::WIRETYPE_VARINT || !in.varint(b))
                 return false;
             value.bits = b != 0;
-        } else if (type != WireFormatLite::WIRETYPE_VARINT || !in.ReadVarint32(&value.bits)) {
+        } else if (type != WireFormatLite::WIRETYPE_VARINT || !in.varint32(value.bits)) {
             return false;
         }
     }
-    return in.CurrentPosition() == int(size);
+    return true;
 }
 
 // ----------------------------------------------------------------- numbers
