@@ -74,7 +74,14 @@ struct Layout
         text.append(piece.data(), piece.size());
         return span;
     }
-    std::string_view operator[](Span span) const { return std::string_view(text).substr(span.at, span.size); }
+    std::string_view operator[](Span span) const { return std::string_view(text.data() + span.at, span.size); }
+    bool names(const Slot &slot, std::string_view name) const
+    {
+        const auto is = [&](Span span) {
+            return span.size == name.size() && std::memcmp(text.data() + span.at, name.data(), name.size()) == 0;
+        };
+        return is(slot.name) || is(slot.jsonName);
+    }
 };
 
 // A name as a JSON string, written by RapidJSON once.
@@ -634,7 +641,7 @@ public:
             return !headerSeen_ && name == "header" && (pending_ = Header, true);
         // Fields mostly come in the order of the slots.
         const Layout &l = *layout_;
-        const auto named = [&](const Slot &slot) { return l[slot.name] == name || l[slot.jsonName] == name; };
+        const auto named = [&](const Slot &slot) { return l.names(slot, name); };
         const auto &slots = l.slots;
         std::size_t k = next_;
         if (k >= slots.size() || !named(slots[k])) {
