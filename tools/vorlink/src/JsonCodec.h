@@ -52,8 +52,8 @@ struct FieldValue
     bool present = false;       // set in the bytes; a oneof member that is absent has no value at all
 };
 
-// The values of one schema message: its header and its scalar fields in
-// schema order (the oneof members last, as the schema declares them).
+// The values of one schema message: its header and its scalar fields in the
+// order the schema declares them, oneof members included.
 struct MessageValues
 {
     bool hasHeader = false;
