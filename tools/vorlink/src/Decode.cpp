@@ -3,15 +3,14 @@
 
 #include "Command.h"
 #include "Dictionary.h"
+#include "JsonCodec.h"
 #include "LogScan.h"
 #include "Selection.h"
 
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/message.h>
 #include <google/protobuf/text_format.h>
-#include <google/protobuf/util/json_util.h>
 
-#include <charconv>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -62,14 +61,6 @@ void appendVarint(std::string &out, std::uint32_t value)
     out.push_back(char(value));
 }
 
-template <typename T>
-void appendNumber(std::string &out, T value)
-{
-    char text[64];
-    const auto result = std::to_chars(text, text + sizeof text, value);
-    out.append(text, result.ptr);
-}
-
 // The CSV header: time, sequence, msgId, then the schema fields by name.
 void appendCsvHeader(const RowInfo &row, std::string &out)
 {
@@ -84,33 +75,22 @@ void appendCsvHeader(const RowInfo &row, std::string &out)
     out += '\n';
 }
 
-// One CSV row: values as the schema holds them; floats in the shortest form
-// that reads back to the same float; an unset member of a oneof left empty.
-void appendCsvRow(const BusLogEntry &entry, const Message &message, std::string &out)
+// One CSV row: values as the schema holds them (JsonCodec's spelling: floats
+// in the shortest form that reads back to the same float), an unset member of
+// a oneof left empty.
+bool appendCsvRow(const RowInfo &row, const BusLogEntry &entry, const QByteArray &proto, MessageValues &values,
+                  std::string &out)
 {
+    if (!readMessageValues(row, proto.constData(), std::size_t(proto.size()), values))
+        return false;
     appendIsoTime(entry.msecs, out);
-    out += ',';
-    appendNumber(out, qint16(entry.sequence));
-    out += ',';
-    appendNumber(out, entry.msgId);
-    const auto *descriptor = message.GetDescriptor();
-    const auto *reflection = message.GetReflection();
-    for (int k = 0; k < descriptor->field_count(); ++k) {
-        const FieldDescriptor *field = descriptor->field(k);
-        if (field->cpp_type() == FieldDescriptor::CPPTYPE_MESSAGE)
-            continue;
+    out += ',' + std::to_string(values.sequence) + ',' + std::to_string(values.msgId);
+    for (const FieldValue &value : values.fields) {
         out += ',';
-        if (field->containing_oneof() != nullptr && !reflection->HasField(message, field))
-            continue;
-        switch (field->cpp_type()) {
-        case FieldDescriptor::CPPTYPE_UINT32: appendNumber(out, reflection->GetUInt32(message, field)); break;
-        case FieldDescriptor::CPPTYPE_INT32: appendNumber(out, reflection->GetInt32(message, field)); break;
-        case FieldDescriptor::CPPTYPE_BOOL: out += reflection->GetBool(message, field) ? "true" : "false"; break;
-        case FieldDescriptor::CPPTYPE_FLOAT: appendNumber(out, reflection->GetFloat(message, field)); break;
-        default: break;   // the schema holds no other field types
-        }
+        appendFieldValue(out, value);
     }
     out += '\n';
+    return true;
 }
 
 // The log time and the id, then the record's own dump line, then the bytes
@@ -157,12 +137,10 @@ int runDecode(const CLI::App &command, DecodeOptions &options)
         return misuse(command, error);
 
     Writer out;
-    google::protobuf::util::JsonPrintOptions jsonOptions;
-    jsonOptions.preserve_proto_field_names = true;
-    jsonOptions.always_print_primitive_fields = true;
     google::protobuf::TextFormat::Printer textPrinter;
     std::vector<std::unique_ptr<Message>> parsed(Dictionary::instance().rows().size());
     std::string text;
+    MessageValues values;
     if (csvRow != nullptr)
         appendCsvHeader(*csvRow, out.buffer());
 
@@ -181,6 +159,21 @@ int runDecode(const CLI::App &command, DecodeOptions &options)
             out.commit();
             continue;
         }
+        if (options.format == Format::Json) {
+            if (!appendJsonMessage(row, proto.constData(), std::size_t(proto.size()), out.buffer(), error)) {
+                scan.reject("not converted", error);
+                continue;
+            }
+            out.buffer().push_back('\n');
+            out.commit();
+            continue;
+        }
+        if (options.format == Format::Csv) {
+            if (!appendCsvRow(row, scan.entry(), proto, values, out.buffer()))
+                scan.reject("not converted", "the converted bytes of " + row.protoName + " do not read as CSV");
+            out.commit();
+            continue;
+        }
         const std::size_t index = std::size_t(&row - Dictionary::instance().rows().data());
         if (!parsed[index])
             parsed[index].reset(row.prototype->New());
@@ -190,32 +183,11 @@ int runDecode(const CLI::App &command, DecodeOptions &options)
             scan.reject("not converted", "the converted bytes do not parse as " + row.protoName);
             continue;
         }
-        switch (options.format) {
-        case Format::Json: {
-            text.clear();
-            const auto status = google::protobuf::util::MessageToJsonString(schema, &text, jsonOptions);
-            if (!status.ok()) {
-                scan.reject("not converted", "no JSON for " + row.protoName + ": " + status.ToString());
-                continue;
-            }
-            out.append(text);
-            out.append('\n');
-            break;
-        }
-        case Format::Text:
-            text.clear();
-            textPrinter.PrintToString(schema, &text);
-            out.append("# line " + std::to_string(scan.lineNumber()) + ": " + row.protoName + "\n");
-            out.append(text);
-            out.append('\n');
-            break;
-        case Format::Csv:
-            appendCsvRow(scan.entry(), schema, out.buffer());
-            out.commit();
-            break;
-        default:
-            break;
-        }
+        text.clear();
+        textPrinter.PrintToString(schema, &text);
+        out.append("# line " + std::to_string(scan.lineNumber()) + ": " + row.protoName + "\n");
+        out.append(text);
+        out.append('\n');
     }
     return scan.finish(command, out);
 }

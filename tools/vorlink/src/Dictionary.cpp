@@ -36,7 +36,9 @@ bool protoToWire(const QByteArray &protoBytes, QByteArray &wire)
     Record record;
     if (!zelko::deserializeProto(protoBytes, record))
         return false;
-    wire.clear();
+    // Emptied without giving back its memory: the caller reuses it line after line.
+    wire.reserve(std::max(wire.capacity(), 64));
+    wire.resize(0);
     record.toQByteArray(wire);
     return true;
 }

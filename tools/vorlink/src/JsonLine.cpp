@@ -1,9 +1,12 @@
 #include "BusLog.h"
 #include "Dictionary.h"
+#include "JsonCodec.h"
 
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/message.h>
 #include <google/protobuf/util/json_util.h>
+
+#include <rapidjson/document.h>
 
 #include <cstdio>
 #include <memory>
@@ -40,6 +43,26 @@ std::string oneLine(std::string text)
     return text;
 }
 
+// Protobuf's mapping leaves a missing member at its default, which for the
+// header would make up a time or an id: the member that is missing, if any.
+const char *missingHeaderMember(std::string_view line)
+{
+    rapidjson::Document document;
+    document.Parse(line.data(), line.size());
+    if (document.HasParseError() || !document.IsObject())
+        return nullptr;   // protobuf's parser names what is wrong
+    const auto header = document.FindMember("header");
+    if (header == document.MemberEnd())
+        return "header";
+    if (!header->value.IsObject())
+        return nullptr;
+    if (!header->value.HasMember("timestamp"))
+        return "header.timestamp";
+    if (!header->value.HasMember("msgId"))
+        return "header.msgId";
+    return nullptr;
+}
+
 } // namespace
 
 LineResult parseJsonLine(std::string_view line, BusLogEntry &entry)
@@ -49,9 +72,16 @@ LineResult parseJsonLine(std::string_view line, BusLogEntry &entry)
         ++first;
     if (first == line.size())
         return {};
+    LineResult ok;
+    ok.kind = LineResult::Message;
+    if (readJsonLineFast(line, entry))
+        return ok;
 
-    // Every schema message has its Header at number 1, so the header is read
+    // Anything else goes through protobuf's parser, which knows every form of
+    // its JSON mapping and names what is wrong. Every schema message has its Header at number 1, so the header is read
     // first on its own, through Envelope, to learn the message type.
+    if (const char *missing = missingHeaderMember(line))
+        return error(std::string("the object has no \"") + missing + "\"");
     const Dictionary &dictionary = Dictionary::instance();
     const auto *envelopeType =
         google::protobuf::DescriptorPool::generated_pool()->FindMessageTypeByName("zelko.messages.Envelope");
@@ -102,8 +132,6 @@ LineResult parseJsonLine(std::string_view line, BusLogEntry &entry)
     entry.msecs = msecs;
     entry.sequence = quint16(sequence);
     entry.msgId = quint16(msgId);
-    LineResult ok;
-    ok.kind = LineResult::Message;
     return ok;
 }
 

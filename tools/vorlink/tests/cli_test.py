@@ -188,6 +188,13 @@ class Decode(unittest.TestCase):
                          "union/oneof field(s); protobuf serialization is partial"])
         stats = json.loads(run("stats", "--format", "json", stdin=g + event + event).stdout)
         self.assertEqual([(m["count"], m["withUnreadBytes"]) for m in stats["messages"]], [(1, 0), (2, 2)])
+        # A JSON line must say when and what; a missing record field is 0.
+        lines = [b'{"header":{"sequence":7,"msgId":256}}', b'{"header":{"timestamp":"1970-01-01T00:00:02Z"}}',
+                 b'{"alarmState":2}', b'{"header":{"msgId":256,"timestamp":"1970-01-01T00:00:02Z"}}']
+        r = run("encode", stdin=b"\n".join(lines))
+        self.assertEqual(r.stdout, b"2.000 0 0x0100 0000000000000000000000000000\n")
+        self.assertEqual(r.stderr.decode().splitlines()[:3], [f'<stdin>:{n}: the object has no "{m}"' for n, m in
+                         ((1, "header.timestamp"), (2, "header.msgId"), (3, "header"))])
         # A failed write is an error with its reason; a closed pipe is not.
         with open("/dev/full", "wb") as full:
             for args in (["decode", os.path.join(EXAMPLES, "bus.log")], ["list"], ["synth"],
@@ -225,10 +232,11 @@ class RoundTrip(unittest.TestCase):
                 self.assertEqual(pa if pa != "-" else "", pb if pb != "-" else "", a)
 
     def test_bool_and_narrowing_on_the_way_back(self):
+        t = '"timestamp":"1970-01-01T00:00:00Z"'
         lines = [
-            '{"header":{"msgId":2},"payloadPtr":true}',                  # ignored: 0x0002 is unknown
-            '{"header":{"msgId":640,"sequence":3},"payloadPtr":true}',   # bool to U32 1
-            '{"header":{"msgId":1792},"uiAlarmButtonBlocks1":300}',     # U08 keeps the low byte
+            '{"header":{%s,"msgId":2},"payloadPtr":true}' % t,                  # 0x0002 is unknown
+            '{"header":{%s,"msgId":640,"sequence":3},"payloadPtr":true}' % t,   # bool to U32 1
+            '{"header":{%s,"msgId":1792},"uiAlarmButtonBlocks1":300}' % t,     # U08 keeps the low byte
         ]
         r = run("encode", stdin="\n".join(lines).encode())
         self.assertEqual(r.returncode, 1)

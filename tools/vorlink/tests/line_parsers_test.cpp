@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 using vorlink::BusLogEntry;
 using vorlink::LineResult;
@@ -125,8 +126,19 @@ TEST(JsonLine, GivesTheWireBytesOfTheSchemaMessage)
     EXPECT_EQ(e.msgId, 0x0100);
     EXPECT_EQ(e.payload, QByteArray::fromHex("02000000010000003c0000000500"));
 
+    // protobuf's other spellings: numbers as strings or with a fraction or
+    // exponent, the header last, a time with an offset, blanks around.
+    BusLogEntry same;
+    ASSERT_TRUE(parseJsonLine(R"( {"alarmState":"2","alarmTop":1.0,"silenceExpiresIn":6e1,"alarmsFlags":5,)"
+                              R"("header":{"timestamp":"2023-11-14T23:13:20.123+01:00","sequence":"-1","msgId":256}} )",
+                              same)
+                    .isMessage());
+    EXPECT_EQ(same.payload, e.payload);
+    EXPECT_EQ(same.msecs, e.msecs);
+    EXPECT_EQ(same.sequence, e.sequence);
+
     // Fields left out are 0; a bool comes back as 1; a U08 keeps its low bits.
-    ASSERT_TRUE(parseJsonLine(R"({"header":{"msgId":512},"almClrTopOnly":true,"alarm":3})", e).isMessage());
+    ASSERT_TRUE(parseJsonLine(R"({"header":{"timestamp":"1970-01-01T00:00:00Z","msgId":512},"almClrTopOnly":true,"alarm":3})", e).isMessage());
     EXPECT_EQ(e.payload, QByteArray::fromHex("03000000" + QByteArray(48, '0') + "01000000"));
     EXPECT_EQ(e.msecs, 0);
     EXPECT_EQ(parseJsonLine("  \t", e).kind, LineResult::Skip);
@@ -144,14 +156,22 @@ TEST(JsonLine, RejectsWhatIsNotAMessageOfTheDictionary)
     EXPECT_NE(reason("not json").find("not a JSON object"), std::string::npos);
     EXPECT_NE(reason("[1,2]").find("not a JSON object"), std::string::npos);
     EXPECT_NE(reason(R"({"alarmState":2})").find("no \"header\""), std::string::npos);
-    EXPECT_NE(reason(R"({"header":{"msgId":1}})").find("unknown message id 0x0001"), std::string::npos);
-    EXPECT_NE(reason(R"({"header":{"msgId":65536}})").find("larger than 0xFFFF"), std::string::npos);
-    EXPECT_NE(reason(R"({"header":{"msgId":256,"sequence":70000}})").find("16 bits"), std::string::npos);
-    EXPECT_NE(reason(R"({"header":{"msgId":256,"timestamp":"1969-12-31T23:59:59Z"}})").find("before 1970"),
+    EXPECT_NE(reason(R"({"header":{"timestamp":"1970-01-01T00:00:00Z","msgId":1}})").find("unknown message id 0x0001"), std::string::npos);
+    EXPECT_NE(reason(R"({"header":{"timestamp":"1970-01-01T00:00:00Z","msgId":65536}})").find("larger than 0xFFFF"), std::string::npos);
+    EXPECT_NE(reason(R"({"header":{"timestamp":"1970-01-01T00:00:00Z","msgId":256,"sequence":70000}})").find("16 bits"), std::string::npos);
+    EXPECT_NE(reason(R"({"header":{"timestamp":"1970-01-01T00:00:00Z","msgId":256,"timestamp":"1969-12-31T23:59:59Z"}})").find("before 1970"),
               std::string::npos);
-    EXPECT_NE(reason(R"({"header":{"msgId":256},"alarmStat":2})").find("zelko.messages.AlarmStatusData"),
+    EXPECT_NE(reason(R"({"header":{"timestamp":"1970-01-01T00:00:00Z","msgId":256},"alarmStat":2})").find("zelko.messages.AlarmStatusData"),
               std::string::npos);
-    EXPECT_NE(reason(R"({"header":{"msgId":256},"alarmState":"two"})").find("AlarmStatusData"), std::string::npos);
+    EXPECT_NE(reason(R"({"header":{"timestamp":"1970-01-01T00:00:00Z","msgId":256},"alarmState":"two"})").find("AlarmStatusData"), std::string::npos);
+    // JSON that RapidJSON reads but protobuf's mapping does not allow.
+    for (const std::string &line : std::vector<std::string>{
+             R"({"header":{"timestamp":"1970-01-01T00:00:00Z","msgId":256},"alarmState":2} x)", R"({"header":{"timestamp":"1970-01-01T00:00:00Z","msgId":256},"alarmState":4294967296})",
+          R"({"header":{"timestamp":"1970-01-01T00:00:00Z","msgId":256},"alarmState":-1})", R"({"header":{"timestamp":"1970-01-01T00:00:00Z","msgId":256},"alarmState":1.5})",
+          R"({"header":{"timestamp":"1970-01-01T00:00:00Z","msgId":5888},"data1_float":1e39})", R"({"header":{"timestamp":"1970-01-01T00:00:00Z","msgId":5888},"data1_float":"inf"})",
+          R"({"header":{"timestamp":"1970-01-01T00:00:00Z","msgId":5888},"data1_bool":true,"data1_float":1})",
+          std::string(R"({"header":{"timestamp":"1970-01-01T00:00:00Z","msgId":256}})") + '\0' + "x"})
+        EXPECT_EQ(parseJsonLine(line, e).kind, LineResult::Error) << line;
 }
 
 TEST(Dictionary, EveryRowHasItsSchemaTypeAndAConsistentLayout)
