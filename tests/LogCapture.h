@@ -1,9 +1,9 @@
 #pragma once
 
-// Test helpers: collect Qt log lines, write hex, make time stamps.
+// Collects the Qt log lines written while it lives, with level and category.
+// Not for use from several threads.
 
 #include <QByteArray>
-#include <QDateTime>
 #include <QString>
 #include <QtGlobal>
 
@@ -11,59 +11,41 @@
 #include <string>
 #include <vector>
 
-namespace testing_support {
-
 struct LogLine
 {
     QtMsgType type;
-    std::string category;
-    std::string text;
-
+    std::string category, text;
     bool operator==(const LogLine &o) const { return type == o.type && category == o.category && text == o.text; }
 };
 
-inline void PrintTo(const LogLine &l, std::ostream *os)
-{
-    *os << "{type " << int(l.type) << ", " << l.category << ", \"" << l.text << "\"}";
-}
+inline void PrintTo(const LogLine &l, std::ostream *os) { *os << int(l.type) << " " << l.category << " \"" << l.text << "\""; }
+inline LogLine debugLine(const std::string &text) { return {QtDebugMsg, "default", text}; }
+inline LogLine typesWarning(const std::string &text) { return {QtWarningMsg, "bytra.types", text}; }
 
-// Captures every Qt log line while alive. Not for use from several threads.
 class LogCapture
 {
 public:
-    LogCapture();
-    ~LogCapture();
-    LogCapture(const LogCapture &) = delete;
-    LogCapture &operator=(const LogCapture &) = delete;
-
-    const std::vector<LogLine> &lines() const { return lines_; }
-    std::vector<std::string> texts() const;
-    void clear() { lines_.clear(); }
+    LogCapture() : previous_(qInstallMessageHandler(&LogCapture::handler)) { active() = this; }
+    ~LogCapture()
+    {
+        qInstallMessageHandler(previous_);
+        active() = nullptr;
+    }
+    std::vector<LogLine> lines;
 
 private:
-    static void handler(QtMsgType type, const QMessageLogContext &context, const QString &text);
-    std::vector<LogLine> lines_;
+    static LogCapture *&active()
+    {
+        static LogCapture *capture = nullptr;
+        return capture;
+    }
+    static void handler(QtMsgType type, const QMessageLogContext &context, const QString &text)
+    {
+        if (active())
+            active()->lines.push_back({type, context.category ? context.category : "", text.toStdString()});
+    }
     QtMessageHandler previous_;
 };
 
-// "02 00 3c" and "02003c" both give the three bytes.
-QByteArray hex(const char *text);
-// Upper-case hex with a space between bytes, for readable failures.
-std::string spaced(const QByteArray &bytes);
-
-inline QDateTime atMs(qint64 ms)
-{
-    return QDateTime::fromMSecsSinceEpoch(ms, Qt::UTC);
-}
-
-inline LogLine debugLine(const std::string &text)
-{
-    return {QtDebugMsg, "default", text};
-}
-
-inline LogLine typesWarning(const std::string &text)
-{
-    return {QtWarningMsg, "bytra.types", text};
-}
-
-} // namespace testing_support
+inline QByteArray hex(const char *text) { return QByteArray::fromHex(text); }
+inline std::string spaced(const QByteArray &bytes) { return bytes.toHex(' ').toUpper().toStdString(); }
