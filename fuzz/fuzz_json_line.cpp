@@ -1,46 +1,30 @@
 // Any bytes as one JSON line of `vorlink decode --format json`, through the
-// tool's reader. What it accepts must be a message the library converts, with
-// the header the line gave.
+// tool's reader. What it accepts is a message of the dictionary that converts,
+// with the header the line gave, and reads the same a second time.
 
-#include "LineFuzz.h"
+#include "FuzzCommon.h"
 
-#include "ZelkoMsgDefs.pb.h"
-#include "ZelkoMsgProtoUtils.h"
+#include "BusLog.h"
 
-#include <QDateTime>
-
-#include <string_view>
-
-extern "C" int LLVMFuzzerInitialize(int *, char ***)
-{
-    fuzz::silenceLog();
-    return 0;
-}
+extern "C" int LLVMFuzzerInitialize(int *, char ***) { return fuzz::silenceLog(); }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
-    std::string_view line;
-    vorlink::BusLogEntry entry;
-    if (!fuzz::readFirstLine(data, size, vorlink::parseJsonLine, line, entry))
+    const std::string_view line = fuzz::firstLine(data, size);
+    vorlink::BusLogEntry entry, again;
+    const vorlink::LineResult result = vorlink::parseJsonLine(line, entry);
+    FUZZ_EXPECT((result.kind == vorlink::LineResult::Error) != result.reason.empty(), 0);
+    if (!result.isMessage())
         return 0;
-
-    // Only ids of the dictionary are accepted, and the payload is a whole
-    // record: the conversion cannot fail.
     const unsigned id = entry.msgId;
-    FUZZ_EXPECT(!zelko::msgIdToProtoName(entry.msgId).empty(), id);
-    QByteArray out;
+    const Bytra::Can::Message message{entry.sequence, entry.msgId, entry.payload};
     const QDateTime when = QDateTime::fromMSecsSinceEpoch(entry.msecs, Qt::UTC);
-    FUZZ_EXPECT(zelko::canMessageToProtobufByteArray(when, fuzz::canMessageOf(entry), out), id);
-    zelko::messages::Envelope envelope;
-    FUZZ_EXPECT(envelope.ParseFromArray(out.constData(), out.size()), id);
-    FUZZ_EXPECT(envelope.header().msgid() == id, id);
-    FUZZ_EXPECT(envelope.header().sequence() == qint16(entry.sequence), id);
-
-    // Reading the same line twice gives the same message.
-    vorlink::BusLogEntry again;
+    QByteArray out;
+    const bool ok = zelko::canMessageToProtobufByteArray(when, message, out);
+    FUZZ_EXPECT(ok, id);
+    FUZZ_CHECK(rows::checkConversion(message, when, ok, out), id);
     FUZZ_EXPECT(vorlink::parseJsonLine(line, again).isMessage(), id);
-    FUZZ_EXPECT(again.msecs == entry.msecs && again.sequence == entry.sequence && again.msgId == entry.msgId
-                    && again.payload == entry.payload,
-                id);
+    FUZZ_EXPECT(again.msecs == entry.msecs && again.sequence == entry.sequence && again.msgId == entry.msgId &&
+                    again.payload == entry.payload, id);
     return 0;
 }

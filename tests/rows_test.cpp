@@ -3,8 +3,7 @@
 // tables agree, each record's fields match its schema message, and every
 // operation keeps its contract on random bytes.
 
-#include "LogCapture.h"
-#include "Rows.h"
+#include "Support.h"
 
 #include <gtest/gtest.h>
 
@@ -19,11 +18,7 @@ using google::protobuf::FieldDescriptor;
 
 namespace {
 
-struct Field
-{
-    std::string name, type; // type: U08 ... F32
-    int position, width;
-};
+struct Field { std::string name, type; int position, width; }; // type: U08 ... F32
 
 // A record's fields, read off the warning of each payload one byte too short.
 std::vector<Field> probe(quint16 id)
@@ -68,10 +63,8 @@ TEST(Dictionary, AllTablesAndTheDispatchHaveTheSameKeys)
     LogCapture log; // thousands of "not handled" lines
     for (int id = 0; id <= 0xFFFF; ++id) {
         const bool known = !zelko::msgIdString(zelko::MsgId(id)).startsWith(QLatin1String("0x"));
-        if (known) {
-            named.insert(id);
+        if (known && named.insert(id).second)
             ++classes[id & 0xFF];
-        }
         EXPECT_EQ(zelko::payloadSize.contains(zelko::MsgId(id)), known) << id;
         const Bytra::Can::Message message{0, quint16(id), QByteArray(4096, 0)};
         QByteArray out = "stale";

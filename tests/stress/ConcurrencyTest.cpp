@@ -4,7 +4,7 @@
 // compared with the single-threaded result. Part of every test run, and the
 // point of the ThreadSanitizer build (preset "tsan").
 
-#include "../Rows.h"
+#include "../Support.h"
 
 #include <gtest/gtest.h>
 
