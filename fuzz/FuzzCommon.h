@@ -33,29 +33,18 @@ inline int silenceLog()
 #define FUZZ_CHECK(check, id) do { if (const std::string what_ = (check); !what_.empty()) ::fuzz::fail(what_, id); } while (0)
 #define FUZZ_EXPECT(cond, id) FUZZ_CHECK((cond) ? "" : #cond, id)
 
-// Little-endian integers off the front of the input, zeros past its end.
-class Reader
+// The little-endian integer of `width` bytes at `at`, zero past the input's end.
+inline quint64 take(const std::uint8_t *data, std::size_t size, std::size_t at, int width)
 {
-public:
-    Reader(const std::uint8_t *data, std::size_t size) : data_(data), size_(size) {}
-    template <class T>
-    T take()
-    {
-        std::uint64_t v = 0;
-        for (std::size_t k = 0; k < sizeof(T); ++k, ++pos_)
-            if (pos_ < size_)
-                v |= std::uint64_t(data_[pos_]) << (8 * k);
-        return T(v);
-    }
-    QByteArray rest() const
-    {
-        return pos_ < size_ ? QByteArray(reinterpret_cast<const char *>(data_ + pos_), int(size_ - pos_)) : QByteArray();
-    }
-
-private:
-    const std::uint8_t *data_;
-    std::size_t size_, pos_ = 0;
-};
+    quint64 v = 0;
+    for (int k = 0; k < width; ++k)
+        v |= quint64(at + k < size ? data[at + k] : 0) << (8 * k);
+    return v;
+}
+inline QByteArray rest(const std::uint8_t *data, std::size_t size, std::size_t at)
+{
+    return at < size ? QByteArray(reinterpret_cast<const char *>(data + at), int(size - at)) : QByteArray();
+}
 
 // The input's first line without its newline, as the tool hands lines on.
 inline std::string_view firstLine(const std::uint8_t *data, std::size_t size)

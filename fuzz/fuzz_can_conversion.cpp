@@ -14,12 +14,9 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
-    fuzz::Reader in(data, size);
-    Bytra::Can::Message message;
-    message.msgId = in.take<quint16>();
-    message.sequence = in.take<quint16>();
-    const QDateTime when = QDateTime::fromMSecsSinceEpoch(in.take<qint64>(), Qt::UTC);
-    message.payload = in.rest();
+    const Bytra::Can::Message message{quint16(fuzz::take(data, size, 2, 2)), quint16(fuzz::take(data, size, 0, 2)),
+                                      fuzz::rest(data, size, 12)};
+    const QDateTime when = QDateTime::fromMSecsSinceEpoch(qint64(fuzz::take(data, size, 4, 8)), Qt::UTC);
     const unsigned id = message.msgId;
 
     QByteArray out("bytes from an earlier call");

@@ -13,8 +13,8 @@
 #include <google/protobuf/message.h>
 
 #include <memory>
-#include <ostream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace rows {
@@ -133,37 +133,26 @@ inline std::string checkConversion(const Bytra::Can::Message &message, const QDa
 
 } // namespace rows
 
-struct LogLine
-{
-    QtMsgType type;
-    std::string category, text;
-    bool operator==(const LogLine &o) const { return type == o.type && category == o.category && text == o.text; }
-};
-inline void PrintTo(const LogLine &l, std::ostream *os) { *os << int(l.type) << " " << l.category << " \"" << l.text << "\""; }
+// A log line: level, category, text.
+using LogLine = std::tuple<QtMsgType, std::string, std::string>;
 inline LogLine debugLine(const std::string &text) { return {QtDebugMsg, "default", text}; }
 inline LogLine typesWarning(const std::string &text) { return {QtWarningMsg, "bytra.types", text}; }
 
 // Collects the Qt log lines written while it lives. Not for several threads.
-class LogCapture
+struct LogCapture
 {
-public:
-    LogCapture() : previous_(qInstallMessageHandler(&LogCapture::handler)), outer_(active()) { active() = this; }
-    ~LogCapture() { qInstallMessageHandler(previous_), active() = outer_; }
-    std::vector<LogLine> lines;
-
-private:
     static LogCapture *&active()
     {
         static LogCapture *capture = nullptr;
         return capture;
     }
-    static void handler(QtMsgType type, const QMessageLogContext &context, const QString &text)
-    {
-        if (active())
-            active()->lines.push_back({type, context.category ? context.category : "", text.toStdString()});
-    }
-    QtMessageHandler previous_;
-    LogCapture *outer_;
+    std::vector<LogLine> lines;
+    LogCapture *outer = active();
+    QtMessageHandler previous = qInstallMessageHandler([](QtMsgType type, const QMessageLogContext &c, const QString &text) {
+        active()->lines.emplace_back(type, c.category ? c.category : "", text.toStdString());
+    });
+    LogCapture() { active() = this; }
+    ~LogCapture() { qInstallMessageHandler(previous), active() = outer; }
 };
 
 inline QByteArray hex(const char *text) { return QByteArray::fromHex(text); }

@@ -1,14 +1,13 @@
 // What a race could break: the first call of msgIdToProtoName, which builds its
-// table, raced from several threads before anything else in this process; and
+// table, raced from several threads before anything else in the process; and
 // every row converted, bridged and dumped from several threads at once,
-// compared with the single-threaded result. Part of every test run, and the
-// point of the ThreadSanitizer build (preset "tsan").
+// against the single-threaded result. Part of every test run, and the point
+// of the ThreadSanitizer build (preset "tsan").
 
 #include "../Support.h"
 
-#include <gtest/gtest.h>
-
 #include <QLoggingCategory>
+#include <gtest/gtest.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -16,11 +15,9 @@
 
 namespace {
 
-int threadCount()
-{
-    const char *v = std::getenv("VORLINK_STRESS_THREADS");
-    return v && *v ? std::atoi(v) : 6;
-}
+const int kThreads = std::getenv("VORLINK_STRESS_THREADS") ? std::atoi(std::getenv("VORLINK_STRESS_THREADS")) : 6;
+thread_local QString lastLine;
+std::vector<std::vector<const std::string *>> firstNames(kThreads, std::vector<const std::string *>(0x10000));
 
 // Runs work(t) on threads of their own, released together.
 template <class Work>
@@ -28,9 +25,9 @@ void together(Work work)
 {
     std::atomic<bool> go{false};
     std::vector<std::thread> pool;
-    for (int t = 0; t < threadCount(); ++t)
+    for (int t = 0; t < kThreads; ++t)
         pool.emplace_back([&, t] {
-            while (!go.load())
+            while (!go)
                 std::this_thread::yield();
             work(t);
         });
@@ -39,11 +36,7 @@ void together(Work work)
         th.join();
 }
 
-thread_local QString lastLine;
-std::vector<std::vector<const std::string *>> firstNames; // [thread][id]
-
-// Everything a row gives for one input: the conversion, the record back from
-// it, and the dump line.
+// What a row gives for one input: the conversion, the record back from it, its dump line.
 QString exercise(const rows::Row &row)
 {
     const Bytra::Can::Message message{quint16(0x8000 + row.id), row.id, QByteArray(row.wireSize + 2, char(row.id))};
@@ -69,8 +62,7 @@ TEST(Concurrency, EveryRowFromManyThreadsGivesTheSingleThreadedResult)
         expected.push_back(exercise(row));
     std::atomic<int> wrong{0};
     together([&](int t) {
-        const size_t n = expected.size();
-        for (size_t j = 0; j < n; ++j) {
+        for (size_t j = 0, n = expected.size(); j < n; ++j) {
             const size_t i = (j + size_t(t) * n / 7) % n; // each thread starts at another row
             wrong += exercise(rows::all()[i]) != expected[i];
         }
@@ -81,14 +73,11 @@ TEST(Concurrency, EveryRowFromManyThreadsGivesTheSingleThreadedResult)
 int main(int argc, char **argv)
 {
     // Dump lines are compared, whatever the machine's logging rules say.
-    QLoggingCategory::setFilterRules(QStringLiteral("default.debug=true\nbytra.types.warning=true"));
+    QLoggingCategory::setFilterRules(QStringLiteral("default.debug=true"));
     qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &text) { lastLine = text; });
-    firstNames.assign(size_t(threadCount()), std::vector<const std::string *>(0x10000));
     together([](int t) {
-        for (unsigned j = 0; j <= 0xFFFF; ++j) {
-            const unsigned id = (j + unsigned(t) * 9973) & 0xFFFF;
-            firstNames[size_t(t)][id] = &zelko::msgIdToProtoName(quint16(id));
-        }
+        for (unsigned j = 0; j <= 0xFFFF; ++j)
+            firstNames[size_t(t)][(j + unsigned(t) * 9973) & 0xFFFF] = &zelko::msgIdToProtoName(quint16(j + t * 9973));
     });
     ::testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
