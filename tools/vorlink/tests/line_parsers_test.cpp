@@ -1,116 +1,108 @@
-// The one-line parsers of the tool and its view of the dictionary.
+// The tool's readers of a bus-log line and of a time, and its writers of both.
 
 #include "BusLog.h"
 #include "Dictionary.h"
 
-#include <QtGlobal>
-
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <ctime>
 #include <string>
 #include <vector>
 
 using vorlink::BusLogEntry;
 using vorlink::LineResult;
-using vorlink::parseBusLogLine;
-using vorlink::parseJsonLine;
-
-namespace {
-
-LineResult parse(const std::string &line, BusLogEntry &entry) { return parseBusLogLine(line, entry); }
-
-std::string reasonOf(const std::string &line)
-{
-    BusLogEntry entry;
-    const LineResult r = parseBusLogLine(line, entry);
-    EXPECT_EQ(r.kind, LineResult::Error) << line;
-    return r.reason;
-}
-
-} // namespace
 
 TEST(BusLogLine, ReadsEveryFieldInItsWrittenForms)
 {
+    struct Case { const char *line; qint64 msecs; quint16 sequence, id; const char *payload; };
+    const Case cases[] = {
+        {"1700000000.123 7 0x0100 02000000010000003C0000000500", 1700000000123LL, 7, 0x0100, "02000000010000003c0000000500"},
+        {"\t12.5\t65535\tffff\tab # tabs, no 0x, one decimal, a comment and CRLF\r", 12500, 65535, 0xFFFF, "ab"},
+        {"0.05 0 a0 -", 50, 0, 0x00A0, ""},
+        {"1 1 0X0000", 1000, 1, 0, ""}, // no payload: empty, not the earlier line's
+        {"253402300799.999 1 0x0000 -", vorlink::maxBusLogMsecs, 1, 0, ""},
+    };
     BusLogEntry e;
-    ASSERT_TRUE(parse("1700000000.123 7 0x0100 02000000010000003C0000000500", e).isMessage());
-    EXPECT_EQ(e.msecs, 1700000000123LL);
-    EXPECT_EQ(e.sequence, 7);
-    EXPECT_EQ(e.msgId, 0x0100);
-    EXPECT_EQ(e.payload, QByteArray::fromHex("02000000010000003c0000000500"));
-
-    // Tabs, no "0x", lower-case id, one or two decimals, CRLF, trailing comment.
-    ASSERT_TRUE(parse("\t12.5\t65535\tffff\tab # note\r", e).isMessage());
-    EXPECT_EQ(e.msecs, 12500);
-    EXPECT_EQ(e.sequence, 65535);
-    EXPECT_EQ(e.msgId, 0xFFFF);
-    EXPECT_EQ(e.payload, QByteArray::fromHex("ab"));
-    ASSERT_TRUE(parse("0.05 0 a0 -", e).isMessage());
-    EXPECT_EQ(e.msecs, 50);
-    EXPECT_EQ(e.msgId, 0x00A0);
-
-    // An empty payload, written "-" or left out, replaces a longer one before it.
-    ASSERT_TRUE(parse("1 1 0x0000 -", e).isMessage());
-    EXPECT_TRUE(e.payload.isEmpty());
-    ASSERT_TRUE(parse("1 1 0x0100 0102", e).isMessage());
-    ASSERT_TRUE(parse("1 1 0x0000", e).isMessage());
-    EXPECT_TRUE(e.payload.isEmpty());
-    ASSERT_TRUE(parse("253402300799.999 1 0x0000 -", e).isMessage());
-    EXPECT_EQ(e.msecs, vorlink::maxBusLogMsecs);
-}
-
-TEST(BusLogLine, BlankAndCommentLinesHoldNoMessage)
-{
-    BusLogEntry e;
+    e.payload = "earlier";
+    for (const Case &c : cases) {
+        ASSERT_TRUE(vorlink::parseBusLogLine(c.line, e).isMessage()) << c.line;
+        EXPECT_EQ(e.msecs, c.msecs) << c.line;
+        EXPECT_EQ(e.sequence, c.sequence) << c.line;
+        EXPECT_EQ(e.msgId, c.id) << c.line;
+        EXPECT_EQ(e.payload.toHex(), QByteArray(c.payload)) << c.line;
+    }
     for (const char *line : {"", "   ", "\t\r", "# a comment", "   # 1 2 0x0100 00"})
-        EXPECT_EQ(parse(line, e).kind, LineResult::Skip) << '"' << line << '"';
+        EXPECT_EQ(vorlink::parseBusLogLine(line, e).kind, LineResult::Skip) << '"' << line << '"';
 }
 
-TEST(BusLogLine, NamesWhatIsWrongWithABadLine)
+TEST(BusLogLine, SaysWhatIsWrongWithABadLine)
 {
-    EXPECT_NE(reasonOf("yesterday 1 0x0100 00").find("time 'yesterday'"), std::string::npos);
-    EXPECT_NE(reasonOf("1.1234 1 0x0100 00").find("time '1.1234'"), std::string::npos);   // below a millisecond
-    EXPECT_NE(reasonOf("-1.5 1 0x0100 00").find("time"), std::string::npos);
-    EXPECT_NE(reasonOf("253402300800 1 0x0000 -").find("time"), std::string::npos);      // after 9999
-    EXPECT_NE(reasonOf("1. 1 0x0000 -").find("time"), std::string::npos);
-    EXPECT_NE(reasonOf("1").find("sequence, id and payload are missing"), std::string::npos);
-    EXPECT_NE(reasonOf("1 65536 0x0100 00").find("sequence '65536'"), std::string::npos);
-    EXPECT_NE(reasonOf("1 -1 0x0100 00").find("sequence '-1'"), std::string::npos);
-    EXPECT_NE(reasonOf("1 7").find("id and payload are missing"), std::string::npos);
-    EXPECT_NE(reasonOf("1 7 0x10000 00").find("id '0x10000'"), std::string::npos);
-    EXPECT_NE(reasonOf("1 7 0x 00").find("id '0x'"), std::string::npos);
-    EXPECT_NE(reasonOf("1 7 0x01g0 00").find("id '0x01g0'"), std::string::npos);
-    EXPECT_NE(reasonOf("1 7 0x0100 020").find("odd number of hexadecimal digits (3)"), std::string::npos);
-    EXPECT_NE(reasonOf("1 7 0x0100 02x0").find("'x' at digit 3"), std::string::npos);
-    EXPECT_NE(reasonOf("1 7 0x0100 02 00").find("unexpected '00' after the payload"), std::string::npos);
-    // Quoted text stays short and printable whatever the line holds.
-    const std::string reason = reasonOf(std::string("\x01\x02") + std::string(500, 'x'));
-    EXPECT_LT(reason.size(), 120u);
-    EXPECT_EQ(reason.find('\x01'), std::string::npos);
+    const std::string time = " is not seconds since 1970 (0 to 253402300799.999, up to 3 decimals)";
+    const std::string sequence = " is not a decimal number from 0 to 65535";
+    const std::string id = " is not a hexadecimal number from 0x0000 to 0xFFFF";
+    const std::pair<std::string, std::string> cases[] = {
+        {"yesterday 1 0x0100 00", "time 'yesterday'" + time},
+        {"1.1234 1 0x0100 00", "time '1.1234'" + time},
+        {"1. 1 0x0000 -", "time '1.'" + time},
+        {"-1.5 1 0x0100 00", "time '-1.5'" + time},
+        {"253402300800 1 0x0000 -", "time '253402300800'" + time},
+        {"1", "line ends after the time; sequence, id and payload are missing"},
+        {"1 65536 0x0100 00", "sequence '65536'" + sequence},
+        {"1 -1 0x0100 00", "sequence '-1'" + sequence},
+        {"1 7", "line ends after the sequence; id and payload are missing"},
+        {"1 7 0x10000 00", "id '0x10000'" + id},
+        {"1 7 0x 00", "id '0x'" + id},
+        {"1 7 0x01g0 00", "id '0x01g0'" + id},
+        {"1 7 0x0100 020", "payload has an odd number of hexadecimal digits (3)"},
+        {"1 7 0x0100 02x0", "payload has 'x' at digit 3, which is not hexadecimal"},
+        {"1 7 0x0100 00zy", "payload has 'z' at digit 3, which is not hexadecimal"},
+        {"1 7 0x0100 02 00", "unexpected '00' after the payload"},
+        // Quoted text stays short and printable whatever the line holds.
+        {"\x01\x02" + std::string(500, 'x'), "time '??" + std::string(38, 'x') + "...'" + time},
+    };
+    for (const auto &[line, reason] : cases) {
+        BusLogEntry e;
+        const LineResult r = vorlink::parseBusLogLine(line, e);
+        EXPECT_EQ(r.kind, LineResult::Error) << line;
+        EXPECT_EQ(r.reason, reason);
+    }
 }
 
-TEST(BusLogLine, WrittenLinesReadBackUnchanged)
+TEST(BusLogLine, WrittenAsItIsRead)
 {
-    BusLogEntry e;
-    e.msecs = 1700000000005LL;
-    e.sequence = 65535;
-    e.msgId = 0x00A0;
-    e.payload = QByteArray::fromHex("00ff7f80");
+    BusLogEntry e{1700000000005LL, 65535, 0x00A0, QByteArray::fromHex("00ff7f80")};
     std::string text = "kept ";
     vorlink::appendBusLogLine(e, text);
     EXPECT_EQ(text, "kept 1700000000.005 65535 0x00A0 00ff7f80");
-
-    BusLogEntry back;
-    ASSERT_TRUE(parseBusLogLine(std::string_view(text).substr(5), back).isMessage());
-    EXPECT_EQ(back.msecs, e.msecs);
-    EXPECT_EQ(back.sequence, e.sequence);
-    EXPECT_EQ(back.msgId, e.msgId);
-    EXPECT_EQ(back.payload, e.payload);
-
-    e.payload.clear();
-    e.msecs = 0;
     text.clear();
-    vorlink::appendBusLogLine(e, text);
-    EXPECT_EQ(text, "0.000 65535 0x00A0 -");
+    vorlink::appendBusLogLine({40, 7, 0xABCD, QByteArray()}, text);
+    EXPECT_EQ(text, "0.040 7 0xABCD -");
+}
+
+TEST(Time, IsoTextBothWaysInUtcWhateverTheLocalZone)
+{
+    setenv("TZ", "XYZ-3", 1); // three hours east of UTC
+    tzset();
+    const std::pair<qint64, const char *> times[] = {{0, "1970-01-01T00:00:00.000Z"},
+                                                     {1700000000123LL, "2023-11-14T22:13:20.123Z"},
+                                                     {951782400000LL, "2000-02-29T00:00:00.000Z"},
+                                                     {vorlink::maxBusLogMsecs, "9999-12-31T23:59:59.999Z"}};
+    for (const auto &[msecs, iso] : times) {
+        std::string text;
+        vorlink::appendIsoTime(msecs, text);
+        EXPECT_EQ(text, iso);
+    }
+    // No offset: UTC. The forms a bus log writes are read too.
+    const std::pair<const char *, qint64> arguments[] = {
+        {"2023-11-14T22:13:20.5", 1700000000500LL}, {"2023-11-14T23:13:20+01:00", 1700000000000LL},
+        {"1700000000.5", 1700000000500LL}, {"9999-12-31T23:59:59.999Z", vorlink::maxBusLogMsecs},
+        {"1970-01-01T00:00:00Z", 0}, {"1969-12-31T23:59:59Z", -1}, {"soon", -1}};
+    for (const auto &[text, msecs] : arguments) {
+        qint64 got = -1;
+        EXPECT_EQ(vorlink::parseTimeArgument(text, got), msecs >= 0) << text;
+        EXPECT_EQ(msecs >= 0 ? got : -1, msecs) << text;
+    }
 }
 
 TEST(JsonLine, GivesTheWireBytesOfTheSchemaMessage)
@@ -159,7 +151,7 @@ TEST(JsonLine, RejectsWhatIsNotAMessageOfTheDictionary)
     EXPECT_NE(reason(R"({"header":{"timestamp":"1970-01-01T00:00:00Z","msgId":1}})").find("unknown message id 0x0001"), std::string::npos);
     EXPECT_NE(reason(R"({"header":{"timestamp":"1970-01-01T00:00:00Z","msgId":65536}})").find("larger than 0xFFFF"), std::string::npos);
     EXPECT_NE(reason(R"({"header":{"timestamp":"1970-01-01T00:00:00Z","msgId":256,"sequence":70000}})").find("16 bits"), std::string::npos);
-    EXPECT_NE(reason(R"({"header":{"timestamp":"1970-01-01T00:00:00Z","msgId":256,"timestamp":"1969-12-31T23:59:59Z"}})").find("before 1970"),
+    EXPECT_NE(reason(R"({"header":{"msgId":256,"timestamp":"1969-12-31T23:59:59Z"}})").find("before 1970"),
               std::string::npos);
     EXPECT_NE(reason(R"({"header":{"timestamp":"1970-01-01T00:00:00Z","msgId":256},"alarmStat":2})").find("zelko.messages.AlarmStatusData"),
               std::string::npos);
@@ -172,39 +164,4 @@ TEST(JsonLine, RejectsWhatIsNotAMessageOfTheDictionary)
           R"({"header":{"timestamp":"1970-01-01T00:00:00Z","msgId":5888},"data1_bool":true,"data1_float":1})",
           std::string(R"({"header":{"timestamp":"1970-01-01T00:00:00Z","msgId":256}})") + '\0' + "x"})
         EXPECT_EQ(parseJsonLine(line, e).kind, LineResult::Error) << line;
-}
-
-TEST(Dictionary, EveryRowHasItsSchemaTypeAndAConsistentLayout)
-{
-    const auto &dictionary = vorlink::Dictionary::instance();
-    ASSERT_EQ(dictionary.rows().size(), 474u);
-    int unionRows = 0;
-    for (const vorlink::RowInfo &row : dictionary.rows()) {
-        SCOPED_TRACE(row.enumerator);
-        ASSERT_NE(row.prototype, nullptr);
-        EXPECT_EQ(dictionary.find(row.id), &row);
-        EXPECT_EQ(dictionary.findByName(row.enumerator), &row);
-        int expected = 0;   // the probed fields tile the record's bytes with no gap
-        bool schemaOnly = false;
-        for (const vorlink::WireField &f : row.fields) {
-            if (f.position < 0) {
-                schemaOnly = true;
-                continue;
-            }
-            EXPECT_FALSE(schemaOnly) << f.name << " lies behind a schema-only field";
-            EXPECT_EQ(f.position, expected) << f.name;
-            EXPECT_NE(f.wireType, "?") << f.name;
-            expected += f.width;
-        }
-        EXPECT_EQ(expected, row.wireSize);
-        if (schemaOnly) {
-            ++unionRows;
-            EXPECT_GT(row.payloadSize, row.wireSize);
-        } else {
-            EXPECT_EQ(row.payloadSize, row.wireSize);
-        }
-    }
-    EXPECT_EQ(unionRows, 5);
-    EXPECT_EQ(dictionary.find(0x0001), nullptr);
-    EXPECT_EQ(dictionary.findByName("zelko.messages.alarmstatusdata")->id, 0x0100);
 }
