@@ -19,7 +19,15 @@
 #include <string>
 #include <string_view>
 
+namespace google {
+namespace protobuf {
+class Message;
+} // namespace protobuf
+} // namespace google
+
 namespace vorlink {
+
+struct RowInfo;
 
 // One message of a bus log.
 struct BusLogEntry
@@ -67,5 +75,10 @@ void appendBusLogLine(const BusLogEntry &entry, std::string &out);
 // wire bytes. Blank lines are Skip. Rejects an unknown id, a field the schema
 // message does not have, and anything that is not such an object.
 LineResult parseJsonLine(std::string_view line, BusLogEntry &entry);
+
+// Reads the header of any schema message (a parsed Envelope will do) into
+// `entry`'s time, sequence and id, and finds the row the id names. Rejects a
+// missing header or timestamp, an id of no row, and what a bus log cannot hold.
+LineResult readSchemaHeader(const google::protobuf::Message &message, BusLogEntry &entry, const RowInfo *&row);
 
 } // namespace vorlink

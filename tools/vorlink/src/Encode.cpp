@@ -99,44 +99,6 @@ const google::protobuf::Descriptor &envelopeType()
     return *type;
 }
 
-// Reads the header of any schema message's bytes: the bus-log time, sequence
-// and id, and the row that the id names.
-LineResult readHeader(const Message &envelope, BusLogEntry &entry, const RowInfo *&row)
-{
-    const auto *reflection = envelope.GetReflection();
-    const auto *headerField = envelope.GetDescriptor()->FindFieldByName("header");
-    if (!reflection->HasField(envelope, headerField))
-        return rejected("the message has no header");
-    const Message &header = reflection->GetMessage(envelope, headerField);
-    const auto *headerType = header.GetDescriptor();
-    const auto *headerReflection = header.GetReflection();
-    const quint32 msgId = headerReflection->GetUInt32(header, headerType->FindFieldByName("msgId"));
-    const qint32 sequence = headerReflection->GetInt32(header, headerType->FindFieldByName("sequence"));
-    const auto *timestampField = headerType->FindFieldByName("timestamp");
-    if (!headerReflection->HasField(header, timestampField))
-        return rejected("the header has no timestamp");
-    const Message &timestamp = headerReflection->GetMessage(header, timestampField);
-    const auto *timeType = timestamp.GetDescriptor();
-    const qint64 seconds = timestamp.GetReflection()->GetInt64(timestamp, timeType->FindFieldByName("seconds"));
-    const qint32 nanos = timestamp.GetReflection()->GetInt32(timestamp, timeType->FindFieldByName("nanos"));
-    if (msgId > 0xFFFF)
-        return rejected("msgId " + std::to_string(msgId) + " is larger than 0xFFFF");
-    row = Dictionary::instance().find(quint16(msgId));
-    if (row == nullptr || row->prototype == nullptr)
-        return rejected("unknown message id " + hexId(msgId));
-    if (sequence < -32768 || sequence > 65535)
-        return rejected("sequence " + std::to_string(sequence) + " does not fit in 16 bits");
-    const qint64 msecs = seconds * 1000 + nanos / 1000000;
-    if (msecs < 0 || msecs > maxBusLogMsecs)
-        return rejected("timestamp " + std::to_string(seconds) + " s is outside what a bus log holds (1970 to 9999)");
-    entry.msecs = msecs;
-    entry.sequence = quint16(sequence);
-    entry.msgId = quint16(msgId);
-    LineResult ok;
-    ok.kind = LineResult::Message;
-    return ok;
-}
-
 // The bus-log entry of one schema message's serialized bytes.
 LineResult entryFromBytes(const std::string &bytes, Message &envelope, BusLogEntry &entry)
 {
@@ -144,7 +106,7 @@ LineResult entryFromBytes(const std::string &bytes, Message &envelope, BusLogEnt
     if (!envelope.ParseFromString(bytes))
         return rejected("not a protobuf message");
     const RowInfo *row = nullptr;
-    LineResult result = readHeader(envelope, entry, row);
+    LineResult result = readSchemaHeader(envelope, entry, row);
     if (result.isMessage() && !row->protoToWire(QByteArray(bytes.data(), int(bytes.size())), entry.payload))
         return rejected("does not parse as " + row->protoName);
     return result;
@@ -176,7 +138,7 @@ LineResult entryFromText(const std::string &block, Message &envelope, BusLogEntr
     if (!parser.ParseFromString(block, &envelope))
         return rejected("not protobuf text of a schema message: " + errors.text);
     const RowInfo *row = nullptr;
-    LineResult result = readHeader(envelope, entry, row);
+    LineResult result = readSchemaHeader(envelope, entry, row);
     if (!result.isMessage())
         return result;
     std::unique_ptr<Message> message(row->prototype->New());

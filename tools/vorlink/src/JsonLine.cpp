@@ -63,7 +63,51 @@ const char *missingHeaderMember(std::string_view line)
     return nullptr;
 }
 
+LineResult headerError(std::string reason)
+{
+    LineResult r = error(std::move(reason));
+    r.cause = "bad header";
+    return r;
+}
+
 } // namespace
+
+LineResult readSchemaHeader(const Message &envelope, BusLogEntry &entry, const RowInfo *&row)
+{
+    const auto *reflection = envelope.GetReflection();
+    const auto *headerField = envelope.GetDescriptor()->FindFieldByName("header");
+    if (!reflection->HasField(envelope, headerField))
+        return headerError("the message has no \"header\"");
+    const Message &header = reflection->GetMessage(envelope, headerField);
+    const auto *headerType = header.GetDescriptor();
+    const auto *headerReflection = header.GetReflection();
+    const quint32 msgId = headerReflection->GetUInt32(header, headerType->FindFieldByName("msgId"));
+    const qint32 sequence = headerReflection->GetInt32(header, headerType->FindFieldByName("sequence"));
+    const auto *timestampField = headerType->FindFieldByName("timestamp");
+    if (!headerReflection->HasField(header, timestampField))
+        return headerError("the header has no \"timestamp\"");
+    const Message &timestamp = headerReflection->GetMessage(header, timestampField);
+    const auto *timeType = timestamp.GetDescriptor();
+    const qint64 seconds = timestamp.GetReflection()->GetInt64(timestamp, timeType->FindFieldByName("seconds"));
+    const qint32 nanos = timestamp.GetReflection()->GetInt32(timestamp, timeType->FindFieldByName("nanos"));
+    if (msgId > 0xFFFF)
+        return headerError("msgId " + std::to_string(msgId) + " is larger than 0xFFFF");
+    row = Dictionary::instance().find(quint16(msgId));
+    if (row == nullptr || row->prototype == nullptr)
+        return headerError("unknown message id " + hexId(msgId));
+    if (sequence < -32768 || sequence > 65535)
+        return headerError("sequence " + std::to_string(sequence) + " does not fit in 16 bits");
+    const qint64 msecs = seconds * 1000 + nanos / 1000000;
+    if (msecs < 0 || msecs > maxBusLogMsecs)
+        return headerError(msecs < 0 ? "timestamp before 1970 cannot be written to a bus log"
+                                     : "timestamp after 9999 cannot be written to a bus log");
+    entry.msecs = msecs;
+    entry.sequence = quint16(sequence);
+    entry.msgId = quint16(msgId);
+    LineResult ok;
+    ok.kind = LineResult::Message;
+    return ok;
+}
 
 LineResult parseJsonLine(std::string_view line, BusLogEntry &entry)
 {
@@ -78,11 +122,11 @@ LineResult parseJsonLine(std::string_view line, BusLogEntry &entry)
         return ok;
 
     // Anything else goes through protobuf's parser, which knows every form of
-    // its JSON mapping and names what is wrong. Every schema message has its Header at number 1, so the header is read
-    // first on its own, through Envelope, to learn the message type.
+    // its JSON mapping and names what is wrong. Every schema message has its
+    // Header at number 1, so the header is read first on its own, through
+    // Envelope, to learn the message type.
     if (const char *missing = missingHeaderMember(line))
         return error(std::string("the object has no \"") + missing + "\"");
-    const Dictionary &dictionary = Dictionary::instance();
     const auto *envelopeType =
         google::protobuf::DescriptorPool::generated_pool()->FindMessageTypeByName("zelko.messages.Envelope");
     if (envelopeType == nullptr)
@@ -96,30 +140,10 @@ LineResult parseJsonLine(std::string_view line, BusLogEntry &entry)
     if (!status.ok())
         return error("not a JSON object of a bus message: " + oneLine(status.ToString()));
 
-    const auto *headerField = envelopeType->FindFieldByName("header");
-    const auto *reflection = envelope->GetReflection();
-    if (headerField == nullptr || !reflection->HasField(*envelope, headerField))
-        return error("the object has no \"header\"");
-    const Message &header = reflection->GetMessage(*envelope, headerField);
-    const auto *headerType = header.GetDescriptor();
-    const auto *headerReflection = header.GetReflection();
-    const quint32 msgId = headerReflection->GetUInt32(header, headerType->FindFieldByName("msgId"));
-    const qint32 sequence = headerReflection->GetInt32(header, headerType->FindFieldByName("sequence"));
-    const Message &timestamp = headerReflection->GetMessage(header, headerType->FindFieldByName("timestamp"));
-    const auto *timeType = timestamp.GetDescriptor();
-    const qint64 seconds = timestamp.GetReflection()->GetInt64(timestamp, timeType->FindFieldByName("seconds"));
-    const qint32 nanos = timestamp.GetReflection()->GetInt32(timestamp, timeType->FindFieldByName("nanos"));
-
-    if (msgId > 0xFFFF)
-        return error("msgId " + std::to_string(msgId) + " is larger than 0xFFFF");
-    const RowInfo *row = dictionary.find(quint16(msgId));
-    if (row == nullptr || row->prototype == nullptr)
-        return error("unknown message id " + hexId(msgId));
-    if (sequence < -32768 || sequence > 65535)
-        return error("sequence " + std::to_string(sequence) + " does not fit in 16 bits");
-    const qint64 msecs = seconds * 1000 + nanos / 1000000;
-    if (msecs < 0 || msecs > maxBusLogMsecs)
-        return error("timestamp before 1970 cannot be written to a bus log");
+    const RowInfo *row = nullptr;
+    const LineResult header = readSchemaHeader(*envelope, entry, row);
+    if (!header.isMessage())
+        return header;
 
     std::unique_ptr<Message> message(row->prototype->New());
     const auto parsed = JsonStringToMessage(text, message.get(), JsonParseOptions());
@@ -129,9 +153,6 @@ LineResult parseJsonLine(std::string_view line, BusLogEntry &entry)
     if (!row->protoToWire(QByteArray(bytes.data(), int(bytes.size())), entry.payload))
         return error("the library could not read " + row->protoName + " back");
 
-    entry.msecs = msecs;
-    entry.sequence = quint16(sequence);
-    entry.msgId = quint16(msgId);
     return ok;
 }
 
