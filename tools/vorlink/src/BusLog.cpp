@@ -54,15 +54,6 @@ std::string quoted(std::string_view field)
     return text;
 }
 
-LineResult error(const char *cause, std::string reason)
-{
-    LineResult r;
-    r.kind = LineResult::Error;
-    r.cause = cause;
-    r.reason = std::move(reason);
-    return r;
-}
-
 } // namespace
 
 bool parseBusLogTime(std::string_view text, qint64 &msecs)
@@ -136,19 +127,19 @@ LineResult parseBusLogLine(std::string_view line, BusLogEntry &entry)
         return {};
 
     if (!parseBusLogTime(time, entry.msecs))
-        return error("bad time", "time " + quoted(time) + " is not seconds since 1970 (0 to 253402300799.999, up to 3 decimals)");
+        return LineResult::failed("bad time", "time " + quoted(time) + " is not seconds since 1970 (0 to 253402300799.999, up to 3 decimals)");
 
     const std::string_view sequence = nextField(rest);
     if (sequence.empty())
-        return error("fields missing", "line ends after the time; sequence, id and payload are missing");
+        return LineResult::failed("fields missing", "line ends after the time; sequence, id and payload are missing");
     if (!parseSequence(sequence, entry.sequence))
-        return error("bad sequence", "sequence " + quoted(sequence) + " is not a decimal number from 0 to 65535");
+        return LineResult::failed("bad sequence", "sequence " + quoted(sequence) + " is not a decimal number from 0 to 65535");
 
     const std::string_view id = nextField(rest);
     if (id.empty())
-        return error("fields missing", "line ends after the sequence; id and payload are missing");
+        return LineResult::failed("fields missing", "line ends after the sequence; id and payload are missing");
     if (!parseId(id, entry.msgId))
-        return error("bad id", "id " + quoted(id) + " is not a hexadecimal number from 0x0000 to 0xFFFF");
+        return LineResult::failed("bad id", "id " + quoted(id) + " is not a hexadecimal number from 0x0000 to 0xFFFF");
 
     std::string_view payload = nextField(rest);
     if (!payload.empty() && payload.front() == '#') {   // a comment where the payload would be
@@ -159,10 +150,10 @@ LineResult parseBusLogLine(std::string_view line, BusLogEntry &entry)
     }
     const std::string_view after = nextField(rest);
     if (!after.empty() && after.front() != '#')
-        return error("text after the payload", "unexpected " + quoted(after) + " after the payload");
+        return LineResult::failed("text after the payload", "unexpected " + quoted(after) + " after the payload");
 
     if (payload.size() % 2 != 0)
-        return error("bad payload", "payload has an odd number of hexadecimal digits (" + std::to_string(payload.size()) + ")");
+        return LineResult::failed("bad payload", "payload has an odd number of hexadecimal digits (" + std::to_string(payload.size()) + ")");
     const int bytes = int(payload.size() / 2);
     entry.payload.resize(bytes);
     char *out = entry.payload.data();
@@ -171,15 +162,13 @@ LineResult parseBusLogLine(std::string_view line, BusLogEntry &entry)
         const int lo = hexDigit(payload[std::size_t(2 * k + 1)]);
         if ((hi | lo) < 0) {
             const std::size_t at = std::size_t(2 * k) + (hi < 0 ? 0 : 1);
-            return error("bad payload", "payload has " + quoted(payload.substr(at, 1)) + " at digit " + std::to_string(at + 1) +
+            return LineResult::failed("bad payload", "payload has " + quoted(payload.substr(at, 1)) + " at digit " + std::to_string(at + 1) +
                          ", which is not hexadecimal");
         }
         out[k] = char((hi << 4) | lo);
     }
 
-    LineResult ok;
-    ok.kind = LineResult::Message;
-    return ok;
+    return LineResult::message();
 }
 
 void appendBusLogLine(const BusLogEntry &entry, std::string &out)

@@ -46,6 +46,8 @@ struct LineResult
     const char *cause = "";  // set for Error only: the kind of fault, for counting ("bad time")
 
     bool isMessage() const { return kind == Message; }
+    static LineResult failed(const char *cause, std::string reason) { return {Error, std::move(reason), cause}; }
+    static LineResult message() { return {Message, {}, ""}; }
 };
 
 // Largest time a line may carry: 9999-12-31T23:59:59.999Z, the end of what a

@@ -83,14 +83,7 @@ private:
     LineReader &reader_;
 };
 
-LineResult rejected(std::string reason)
-{
-    LineResult r;
-    r.kind = LineResult::Error;
-    r.cause = "bad record";
-    r.reason = std::move(reason);
-    return r;
-}
+LineResult rejected(std::string reason) { return LineResult::failed("bad record", std::move(reason)); }
 
 const google::protobuf::Descriptor &envelopeType()
 {

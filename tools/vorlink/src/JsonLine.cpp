@@ -18,14 +18,7 @@ using google::protobuf::Message;
 using google::protobuf::util::JsonParseOptions;
 using google::protobuf::util::JsonStringToMessage;
 
-LineResult error(std::string reason)
-{
-    LineResult r;
-    r.kind = LineResult::Error;
-    r.cause = "bad JSON line";
-    r.reason = std::move(reason);
-    return r;
-}
+LineResult error(std::string reason) { return LineResult::failed("bad JSON line", std::move(reason)); }
 
 std::string hexId(unsigned long long id)
 {
@@ -63,12 +56,7 @@ const char *missingHeaderMember(std::string_view line)
     return nullptr;
 }
 
-LineResult headerError(std::string reason)
-{
-    LineResult r = error(std::move(reason));
-    r.cause = "bad header";
-    return r;
-}
+LineResult headerError(std::string reason) { return LineResult::failed("bad header", std::move(reason)); }
 
 } // namespace
 
@@ -104,9 +92,7 @@ LineResult readSchemaHeader(const Message &envelope, BusLogEntry &entry, const R
     entry.msecs = msecs;
     entry.sequence = quint16(sequence);
     entry.msgId = quint16(msgId);
-    LineResult ok;
-    ok.kind = LineResult::Message;
-    return ok;
+    return LineResult::message();
 }
 
 LineResult parseJsonLine(std::string_view line, BusLogEntry &entry)
@@ -116,10 +102,8 @@ LineResult parseJsonLine(std::string_view line, BusLogEntry &entry)
         ++first;
     if (first == line.size())
         return {};
-    LineResult ok;
-    ok.kind = LineResult::Message;
     if (readJsonLineFast(line, entry))
-        return ok;
+        return LineResult::message();
 
     // Anything else goes through protobuf's parser, which knows every form of
     // its JSON mapping and names what is wrong. Every schema message has its
@@ -152,8 +136,7 @@ LineResult parseJsonLine(std::string_view line, BusLogEntry &entry)
     const std::string bytes = message->SerializeAsString();
     if (!row->protoToWire(QByteArray(bytes.data(), int(bytes.size())), entry.payload))
         return error("the library could not read " + row->protoName + " back");
-
-    return ok;
+    return LineResult::message();
 }
 
 } // namespace vorlink
