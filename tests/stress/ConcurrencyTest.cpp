@@ -41,7 +41,7 @@ QString exercise(const rows::Row &row)
 {
     const Bytra::Can::Message message{quint16(0x8000 + row.id), row.id, QByteArray(row.wireSize + 2, char(row.id))};
     QByteArray out, wire;
-    zelko::canMessageToProtobufByteArray(QDateTime::fromMSecsSinceEpoch(1700000000123LL + row.id), message, out);
+    zelko::canMessageToProtobufByteArray(QDateTime::fromMSecsSinceEpoch(1700000000123LL + row.id, Qt::UTC), message, out);
     row.fromProto(QByteArray(), out, wire, true);
     return QString::fromLatin1(out.toHex() + ' ' + wire.toHex() + ' ') + lastLine;
 }
