@@ -2,6 +2,7 @@
 
 #include <array>
 #include <charconv>
+#include <cstdio>
 
 namespace vorlink {
 namespace {
@@ -55,6 +56,13 @@ std::string quoted(std::string_view field)
 }
 
 } // namespace
+
+std::string hexId(unsigned id)
+{
+    char text[16];
+    std::snprintf(text, sizeof text, "0x%04X", id);
+    return text;
+}
 
 bool parseBusLogTime(std::string_view text, qint64 &msecs)
 {

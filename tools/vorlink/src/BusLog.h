@@ -57,6 +57,9 @@ constexpr qint64 maxBusLogMsecs = 253402300799999LL;
 // Reads a bus-log time: seconds since 1970 with at most three decimals.
 bool parseBusLogTime(std::string_view text, qint64 &msecs);
 
+// An id as the tool shows it: 0x0100.
+std::string hexId(unsigned id);
+
 // Appends a time as ISO 8601 UTC with milliseconds: 2023-11-14T22:13:20.123Z.
 void appendIsoTime(qint64 msecs, std::string &out);
 

@@ -20,13 +20,6 @@ using google::protobuf::util::JsonStringToMessage;
 
 LineResult error(std::string reason) { return LineResult::failed("bad JSON line", std::move(reason)); }
 
-std::string hexId(unsigned long long id)
-{
-    char text[32];
-    std::snprintf(text, sizeof text, "0x%04llX", id);
-    return text;
-}
-
 // The status text of the JSON parser, on one line.
 std::string oneLine(std::string text)
 {

@@ -10,13 +10,6 @@
 
 namespace vorlink {
 
-std::string hexId(unsigned id)
-{
-    char text[16];
-    std::snprintf(text, sizeof text, "0x%04X", id);
-    return text;
-}
-
 bool LogScan::open(const std::string &path, std::string &error)
 {
     if (!input_.open(path, error))

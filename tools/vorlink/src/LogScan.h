@@ -61,6 +61,4 @@ private:
     long long leftOut_ = 0;
 };
 
-std::string hexId(unsigned id);
-
 } // namespace vorlink

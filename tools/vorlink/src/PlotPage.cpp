@@ -279,9 +279,7 @@ std::string plotPage(const std::string &logName, const std::vector<PlotChart> &c
 
     for (std::size_t i = 0; i < charts.size(); ++i) {
         const PlotChart &chart = charts[i];
-        char id[16];
-        std::snprintf(id, sizeof id, "0x%04X", chart.id());
-        page += "<section>\n<h2>" + chart.message() + " <small>" + id + ", " + plural(chart.messages(), "message") +
+        page += "<section>\n<h2>" + chart.message() + " <small>" + hexId(chart.id()) + ", " + plural(chart.messages(), "message") +
                 "</small></h2>\n";
         std::string empty;
         for (const PlotChart::Series &s : chart.series())

@@ -86,9 +86,7 @@ bool Selection::addMessage(const std::string &text, std::string &error)
     quint16 id = 0;
     if (readHexId(text, true, id)) {
         if (dictionary.find(id) == nullptr) {
-            char hex[8];
-            std::snprintf(hex, sizeof hex, "0x%04X", id);
-            error = std::string("--message: no message has the id ") + hex;
+            error = "--message: no message has the id " + hexId(id);
             return false;
         }
         ids_.set(id);
