@@ -220,6 +220,61 @@ $rows>;
 
 ROW_ENTRY = T("    Row<${message}Payload, $enumerator>")
 
+# --- ZelkoMsgWireTable.h: every row's names and wire layout as plain data -------
+
+WIRE_TABLE_H = T(BANNER + """#pragma once
+
+// Each message's names, sizes and wire layout as constant data, for programs
+// that range over the dictionary by id (the log reader, the Python module)
+// without instantiating a record per row.
+
+#include <cstddef>
+#include <cstdint>
+
+namespace vorlink {
+
+enum class WireType : std::uint8_t { U08, U16, U32, S16, S32, F32 };
+enum class SchemaType : std::uint8_t { Uint32, Int32, Float, Bool };
+
+struct WireFieldEntry
+{
+    const char *name;
+    WireType wire;
+    SchemaType schema;
+    std::uint16_t offset;   // byte position on the wire
+    std::uint8_t width;     // bytes on the wire
+    const char *oneofAfter; // union rows: the oneof group the schema puts behind this field; else nullptr
+};
+
+struct WireRowEntry
+{
+    std::uint16_t id;
+    const char *enumerator;     // MSG_ID_...
+    const char *message;        // the schema message's and the record's base name
+    std::uint16_t payloadSize;  // bytes a message of this id carries on the bus
+    std::uint16_t wireSize;     // bytes the record reads and writes
+    std::uint16_t firstField;   // index into wireFields
+    std::uint16_t fieldCount;
+};
+
+inline constexpr WireFieldEntry wireFields[] = {
+$fields
+};
+
+// In ascending id.
+inline constexpr WireRowEntry wireRows[] = {
+$rows
+};
+
+inline constexpr std::size_t wireRowCount = sizeof wireRows / sizeof wireRows[0];
+
+} // namespace vorlink
+""")
+
+WIRE_FIELD = T("    {\"$name\", WireType::$wire, SchemaType::$schema, $offset, $width, $oneof},")
+
+WIRE_ROW = T("    {$id, \"$enumerator\", \"$message\", $bytes, $wire_size, $first, $count},")
+
 # --- ZelkoMsgDefs.proto -----------------------------------------------------------
 
 PROTO = T("""// Generated from ZelkoMsgRows.txt by vorlink_codegen.py. Do not edit.

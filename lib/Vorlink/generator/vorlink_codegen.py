@@ -174,6 +174,22 @@ def row_list_h(rows):
                                                                          enumerator=r.enumerator) for r in rows))
 
 
+def wire_table_h(rows):
+    field_lines, row_lines = [], []
+    for r in rows:
+        first, offset = len(field_lines), 0
+        for f in r.fields:
+            field_lines.append(t.WIRE_FIELD.substitute(name=f.name, wire=f.wire,
+                                                       schema=f.schema_type.capitalize(),
+                                                       offset=offset, width=WIRE_WIDTH[f.wire],
+                                                       oneof=f'"{f.oneof_after}"' if f.oneof_after else "nullptr"))
+            offset += WIRE_WIDTH[f.wire]
+        row_lines.append(t.WIRE_ROW.substitute(
+            id=r.hex_id, enumerator=r.enumerator, message=r.message, bytes=r.bytes, wire_size=r.wire_size,
+            first=first, count=len(r.fields)))
+    return t.WIRE_TABLE_H.substitute(fields="\n".join(field_lines), rows="\n".join(row_lines))
+
+
 def proto(rows):
     messages = []
     for r in rows:
@@ -195,6 +211,7 @@ OUTPUTS = {
     "ZelkoMsgProtoUtils.h": proto_utils_h,
     "ZelkoMsgProtoUtils.cpp": proto_utils_cpp,
     "ZelkoMsgRowList.h": row_list_h,
+    "ZelkoMsgWireTable.h": wire_table_h,
     "ZelkoMsgDefs.proto": proto,
 }
 
