@@ -22,6 +22,7 @@ struct StatsOptions
     std::string input = "-";
     bool json = false;
     RunFlags flags;
+    SelectionOptions select;
     Selection selection;
 };
 
@@ -116,12 +117,13 @@ void writeJson(const std::vector<const RowInfo *> &rows, const std::vector<Seen>
 int runStats(const CLI::App &command, StatsOptions &options)
 {
     std::string error;
-    if (!options.selection.resolve(error))
+    if (!resolveSelection(options.select, options.selection, error))
         return misuse(command, error);
     setVerbose(options.flags.verbose);
-    LogScan scan(options.flags, options.selection);
+    LogScan scan(options.selection, options.flags.strict);
     if (!scan.open(options.input, error))
         return misuse(command, error);
+    ScanView view(scan, options.flags);
 
     std::vector<Seen> seen(65536);
     while (scan.next()) {
@@ -143,7 +145,7 @@ int runStats(const CLI::App &command, StatsOptions &options)
         writeJson(rows, seen, scan, out);
     else
         writeText(rows, seen, scan, (long long)rows.size(), out);
-    return scan.finish(command, out);
+    return view.finish(command, out);
 }
 
 } // namespace
@@ -159,7 +161,7 @@ Command addStatsCommand(CLI::App &parent)
     command->add_option("--format", options->json, "text (default) or json")
         ->transform(CLI::CheckedTransformer(formats, CLI::ignore_case).description(""))
         ->type_name("FORMAT");
-    options->selection.addOptions(*command);
+    addSelectionOptions(*command, options->select);
     addRunFlags(*command, options->flags);
     command->footer(R"(One row per message type seen, in id order: id, name, count, the first and
 the last time (UTC), the mean rate in Hz over that span, the payload bytes in
