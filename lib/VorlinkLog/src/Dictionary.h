@@ -4,6 +4,8 @@
 // its names, its schema message type from protobuf's generated pool, and the
 // few typed operations the tool needs, reached by id.
 
+#include "ZelkoMsgWireTable.h"
+
 #include <QByteArray>
 #include <QtGlobal>
 
@@ -30,6 +32,7 @@ struct WireField
     std::string wireType;       // "U08" ... "F32"; empty for a schema-only field
     int position = -1;          // byte offset on the wire; -1 for a schema-only field
     int width = 0;
+    WireType type = WireType::U32;   // meaningful where wireType is set
     const google::protobuf::FieldDescriptor *schemaField = nullptr;
 };
 
