@@ -133,7 +133,7 @@ class Check(unittest.TestCase):
                                        "--baseline", BASELINE], capture_output=True, text=True)
             same, raised = run("1.4.0"), run("2.0.0")
         self.assertEqual(same.returncode, 1, same.stdout + same.stderr)
-        self.assertIn("FAILED: 1 changes break release 1.0.0", same.stdout)
+        self.assertIn("FAILED: release 1.0.0 is broken by 1 breaking change.", same.stdout)
         self.assertEqual(raised.returncode, 0, raised.stdout + raised.stderr)
         self.assertIn("becomes libVorlink.so.2, its package libvorlink2", raised.stdout)
 
