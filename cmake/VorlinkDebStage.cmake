@@ -2,7 +2,9 @@
 # of the Debian packages (CPACK_PRE_BUILD_SCRIPTS): gives each package its
 # copyright file and changelog, and takes from the tool the RPATH it carries
 # for `cmake --install` into any prefix. The packaged library lives in a
-# system directory, where the loader finds it without one.
+# system directory, where the loader finds it without one. The library's
+# symbols file comes from packaging/libvorlinkN.symbols, through
+# dpkg-gensymbols, which fails when a symbol listed there is gone.
 set(_version "${CPACK_PACKAGE_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE}")
 set(_src ${CPACK_VORLINK_SOURCE_DIR}/packaging)
 file(READ ${_src}/changelog.in _changelog)
@@ -22,3 +24,18 @@ file(GLOB _tools ${CPACK_TEMPORARY_DIRECTORY}/tools${CPACK_PACKAGING_INSTALL_PRE
 foreach(_tool IN LISTS _tools)
     file(RPATH_REMOVE FILE ${_tool})
 endforeach()
+
+set(_library ${CPACK_TEMPORARY_DIRECTORY}/runtime${CPACK_PACKAGING_INSTALL_PREFIX}/${CPACK_VORLINK_LIBRARY})
+if(NOT EXISTS ${CPACK_VORLINK_SYMBOLS})
+    message(FATAL_ERROR "${CPACK_VORLINK_SYMBOLS} is missing: a new major version needs its symbols file "
+        "(cmake --build BUILD --target update-symbols)")
+endif()
+get_filename_component(_out_dir ${CPACK_VORLINK_SYMBOLS_OUT} DIRECTORY)
+file(MAKE_DIRECTORY ${_out_dir})
+execute_process(
+    COMMAND ${CPACK_VORLINK_PYTHON} ${CPACK_VORLINK_SOURCE_DIR}/scripts/symbols check ${_library}
+        ${CPACK_VORLINK_SYMBOLS} ${_version} ${CPACK_VORLINK_SYMBOLS_OUT}
+    RESULT_VARIABLE _status)
+if(NOT _status EQUAL 0)
+    message(FATAL_ERROR "the library lost symbols of ${CPACK_VORLINK_SYMBOLS}")
+endif()

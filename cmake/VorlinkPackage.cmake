@@ -1,5 +1,6 @@
 # Debian packages of the install rules, split the way Debian splits a library:
-#   libvorlink1     (component runtime)      libVorlink.so.1 and its real file
+#   libvorlinkN     (component runtime)      libVorlink.so.N and its real file, N the
+#                   major version: a new major version is a new soname and package
 #   libvorlink-dev  (component development)  headers, the libVorlink.so link,
 #                   libBytra.a, the CMake package, the pkg-config file, the schema
 #   vorlink-tools   (component tools)        the vorlink command
@@ -18,9 +19,9 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-# The tool's libVorlink.so.1 is not installed yet when its dependencies are
+# The tool's libVorlink.so.N is not installed yet when its dependencies are
 # worked out: take it from the build tree. The package dependency on
-# libvorlink1 comes from the component dependency below.
+# libvorlinkN comes from the component dependency below.
 get_target_property(_vorlink_build_dir Vorlink BINARY_DIR)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${_vorlink_build_dir})
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
@@ -34,16 +35,20 @@ set(_vorlink_about "Vorlink is the message dictionary of the dialysis machine's 
 bus: it turns a received message into a typed record, wire bytes, protobuf
 bytes with a header, a one-line dump, and names and sizes by id.")
 
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libvorlink1)
+set(_vorlink_soname libVorlink.so.${PROJECT_VERSION_MAJOR})
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libvorlink${PROJECT_VERSION_MAJOR})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 # dpkg's ldconfig trigger refreshes the loader cache, as Debian wants. CPack
 # also writes a postinst and postrm that call ldconfig themselves; lintian
-# warns about those, and they are harmless.
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/triggers)
+# warns about those, and they are harmless. The symbols file is made from
+# packaging/libvorlinkN.symbols by VorlinkDebStage.cmake, which fails when a
+# symbol of it is no longer exported.
+set(CPACK_VORLINK_SYMBOLS_OUT ${PROJECT_BINARY_DIR}/packaging/symbols)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/triggers ${CPACK_VORLINK_SYMBOLS_OUT})
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "message dictionary of the dialysis machine's CAN bus
 ${_vorlink_about}
 .
-This package holds the shared library libVorlink.so.1.")
+This package holds the shared library ${_vorlink_soname}.")
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libvorlink-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
@@ -71,6 +76,9 @@ writes synthetic logs.")
 # `cmake --install` (the packaged library lives in a system directory).
 set(CPACK_VORLINK_SOURCE_DIR ${PROJECT_SOURCE_DIR})
 set(CPACK_VORLINK_BINDIR ${CMAKE_INSTALL_BINDIR})
+set(CPACK_VORLINK_LIBRARY ${CMAKE_INSTALL_LIBDIR}/libVorlink.so.${PROJECT_VERSION})
+set(CPACK_VORLINK_SYMBOLS ${VORLINK_SYMBOLS})
+set(CPACK_VORLINK_PYTHON ${Python3_EXECUTABLE})
 set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/VorlinkDebStage.cmake)
 
 include(CPack)

@@ -13,6 +13,9 @@
 #ifndef VORLINK_VERSION
 #define VORLINK_VERSION "unknown"
 #endif
+#ifndef VORLINK_SONAME
+#define VORLINK_SONAME "libVorlink.so"
+#endif
 
 namespace {
 
@@ -36,7 +39,7 @@ int main(int argc, char **argv)
     CLI::App app("The Vorlink message dictionary on the command line.", "vorlink");
     app.footer(footer);
     app.set_version_flag("--version", [] {
-        return std::string("vorlink ") + VORLINK_VERSION + " (libVorlink.so.1, " +
+        return std::string("vorlink ") + VORLINK_VERSION + " (" VORLINK_SONAME ", " +
                std::to_string(Dictionary::instance().rows().size()) + " messages)";
     });
     const std::vector<Command> commands = {addDecodeCommand(app), addEncodeCommand(app), addStatsCommand(app),
