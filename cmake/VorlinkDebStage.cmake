@@ -3,7 +3,7 @@
 # copyright file and changelog, and takes from the tool the RPATH it carries
 # for `cmake --install` into any prefix. The packaged library lives in a
 # system directory, where the loader finds it without one. The library's
-# symbols file comes from packaging/libvorlinkN.symbols, through
+# symbols file comes from packaging/libvorlinkN.symbols.gz, through
 # dpkg-gensymbols, which fails when a symbol listed there is gone.
 set(_version "${CPACK_PACKAGE_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE}")
 set(_src ${CPACK_VORLINK_SOURCE_DIR}/packaging)

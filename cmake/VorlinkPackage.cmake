@@ -41,7 +41,7 @@ set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 # dpkg's ldconfig trigger refreshes the loader cache, as Debian wants. CPack
 # also writes a postinst and postrm that call ldconfig themselves; lintian
 # warns about those, and they are harmless. The symbols file is made from
-# packaging/libvorlinkN.symbols by VorlinkDebStage.cmake, which fails when a
+# packaging/libvorlinkN.symbols.gz by VorlinkDebStage.cmake, which fails when a
 # symbol of it is no longer exported.
 set(CPACK_VORLINK_SYMBOLS_OUT ${PROJECT_BINARY_DIR}/packaging/symbols)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/triggers ${CPACK_VORLINK_SYMBOLS_OUT})

@@ -3,7 +3,7 @@ reported naming message, field and reader, additions pass; scripts/symbols on th
 
     compat_test.py LIBRARY
 """
-import os, re, subprocess, sys, tempfile, unittest
+import gzip, os, re, subprocess, sys, tempfile, unittest
 from importlib.machinery import SourceFileLoader
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
@@ -11,7 +11,7 @@ compat = SourceFileLoader("compat", os.path.join(ROOT, "scripts", "compat")).loa
 gen = compat.gen
 LIBRARY = sys.argv[1]
 BASELINE = os.path.join(ROOT, "compat", "1.0.0")
-SYMBOLS = os.path.join(ROOT, "packaging", "libvorlink1.symbols")
+SYMBOLS = os.path.join(ROOT, "packaging", "libvorlink1.symbols.gz")
 with open(os.path.join(BASELINE, compat.ROWS), encoding="utf-8") as f:
     RELEASED = f.read()
 NEW_ROW = "0xBA00  MSG_ID_UI_NEW_THING  UiNewThing  4  value:U32\n"
@@ -113,7 +113,7 @@ class Check(unittest.TestCase):
             "(breaks schema readers)"])
 
     def test_symbols_file_losing_a_released_symbol(self):
-        with open(SYMBOLS, encoding="utf-8") as f:
+        with gzip.open(SYMBOLS, "rt", encoding="utf-8") as f:
             lines = f.read().splitlines(True)
         with tempfile.NamedTemporaryFile("w", suffix=".symbols") as thinner:
             thinner.writelines(lines[:5] + lines[6:])
@@ -147,7 +147,7 @@ class Symbols(unittest.TestCase):
     def test_the_library_keeps_its_symbols_and_a_lost_one_fails(self):
         kept = self.check(SYMBOLS)
         self.assertEqual(kept.returncode, 0, kept.stderr)
-        with open(SYMBOLS, encoding="utf-8") as f:
+        with gzip.open(SYMBOLS, "rt", encoding="utf-8") as f:
             head, *rest = f.read().splitlines(True)
         with tempfile.NamedTemporaryFile("w", suffix=".symbols") as more:
             more.writelines([head, " _ZNK5zelko16AlarmGonePayload4dumpEv@Base 1.0.0\n"] + rest)
