@@ -10,6 +10,7 @@ ENV = dict(os.environ, TZ="XYZ-3")
 ALARM = b"1700000000.123 7 0x0100 02000000010000003c0000000500\n"
 ALARM_PROTO = bytes.fromhex("0a120a0b0880e2cfaa0610c0a9d33a10071880021002180120" "3c2805")
 EVENT = b"1.5 65535 0x1700 0900000001000000020000002a00000003000000\n"
+BAL = b"1 1 0x2E00 0300000000000000cdcccc3d0100000007000000000000000100000000000000\n"   # bools and a float
 
 
 def run(*args, stdin=None, env=ENV):
@@ -50,13 +51,18 @@ class Decode(unittest.TestCase):
                                         "1700000000\n    nanos: 123000000\n  }\n  sequence: 7\n  msgId: 256\n}\nalarmState: 2\n"))
         self.assertEqual(len(re.findall(r"^# line \d+: ", text, re.M)), 478)
         self.assertEqual(run("decode", "--format", "binary", "-", stdin=ALARM).stdout, bytes([28]) + ALARM_PROTO)
-        # A schema message of more than 127 bytes: its size takes two bytes of varint.
-        out = run("decode", "--format", "binary", stdin=b"1 1 0x4400 " + b"ffffff7f" * 24).stdout
-        self.assertEqual((out[0] >= 0x80, (out[0] & 0x7F) | out[1] << 7), (True, len(out) - 2))
+        # A first schema message of 128 bytes, its size two bytes of varint: encode still recognises the stream.
+        big = b"1.000 1 0x72A0 " + (bytes(16) + bytes.fromhex("0000c03f") * 21 + bytes(36)).hex().encode() + b"\n"
+        out = run("decode", "--format", "binary", stdin=big + ALARM).stdout
+        self.assertEqual((out[:2], run("encode", stdin=out).stdout), (b"\x80\x01", big + ALARM))
         csv = run("decode", "--format", "csv", "--message", "TdEvent", stdin=EVENT).stdout.decode().splitlines()
         self.assertEqual(csv, ["time,sequence,msgId,event,dataType1,data1_bool,data1_uint32,data1_int32,data1_float,"
                                "dataType2,data2_bool,data2_uint32,data2_int32,data2_float",
                                "1970-01-01T00:00:01.500Z,-1,5888,9,1,,,,,2,,,,"])
+        for line, values in ((BAL, "11776,3,0,0.1,true,7,false,true,false"), (b"1 1 0x1100 fbffffff0000804b51069e3f" +
+                             b"00" * 12 + b"ffffffff" + b"00" * 8, "4352,-5,16777216,1.2345678,0,0,0,4294967295,0,0")):
+            csv = run("decode", "--format", "csv", "--message", line.split()[2].decode(), stdin=line).stdout.decode()
+            self.assertEqual(csv.splitlines()[1], "1970-01-01T00:00:01.000Z,1," + values)
 
     def test_bad_lines_are_reported_and_the_rest_converted(self):
         r = run("decode", "examples/malformed.log")
@@ -114,8 +120,10 @@ class Questions(unittest.TestCase):
 
     def test_message_and_time_select_exactly_the_lines(self):
         t = self.lines[100][0]   # --from and --to are inclusive: the same time selects that time's lines
+        dd = {int(l[:6], 16) for l in run("list").stdout.decode().splitlines() if "  MSG_ID_DD_" in l}
         cases = [(["--message", "0x0100"], lambda i, s: i == 0x100),
-                 (["--message", "MSG_ID_ALARM_STATUS_DATA", "--message", "tdevent"], lambda i, s: i in (0x100, 0x1700)),
+                 (["--message", "msg_ID_alarm_status_DATA", "--message", "tdEVENT", "--message", "0X0e00"],
+                  lambda i, s: i in (0x100, 0x1700, 0xE00)), (["--message", "dD"], lambda i, s: i in dd),
                  (["--from", t, "--to", t], lambda i, s: s == float(t)),
                  (["--from", "2023-11-14T22:13:30", "--to", "2023-11-14T22:13:40.500Z"],
                   lambda i, s: 1700000010.0 <= s <= 1700000020.5)]
@@ -188,14 +196,15 @@ class Plot(unittest.TestCase):
                 self.assertFalse(os.path.exists(page), args)
 
     def test_values_reduction_and_empty_series(self):
-        # d1Temp of 12000 DdTemperatureData messages, 1 ms apart, two of the first
-        # ten out of order, with one spike and one dip.
+        # d1Temp of 12000 DdTemperatureData messages, 1 ms apart, two of the first ten out of order. A dip and
+        # a spike in one time bucket, in either order: in one bucket or both in the later half of a widened one.
         values = [i % 100 + 0.1 for i in range(12000)]
-        values[7777], values[9000] = 5000.0, -300.0
+        for dip, spike in ((2001, 2003), (8005, 8007), (9007, 9005), (11006, 11003)):
+            values[dip], values[spike] = -300.0 - dip, 5000.0 + spike
         lines = [f"{1700000000 + i / 1000:.3f} 1 0x2600 {struct.pack('<24f', v, *[0] * 23).hex()}"
                  for i, v in enumerate(values)]
         lines[3], lines[4] = lines[4], lines[3]
-        log = "\n".join(lines + ["1700000020 1 0x1700 0900000001000000020000002a00000003000000"]).encode()
+        log = "\n".join(lines).encode() + b"\n" + EVENT + BAL
 
         def charts(*args):
             r = run("plot", *args, "-o", "-", stdin=log)
@@ -203,18 +212,22 @@ class Plot(unittest.TestCase):
             page = r.stdout.decode()
             return page, json.loads(re.search(r"var vorlinkCharts = (\[.*?\n\]);", page, re.S).group(1))
 
-        page, (temp, alarm, event) = charts("DdTemperatureData.d1Temp", "AlarmStatusData", "TdEvent")
-        self.assertEqual(temp["series"][0]["points"], 12000)
-        times = [r[0] for r in temp["rows"]]
-        drawn = [r[1] for r in temp["rows"]]
-        self.assertLess(len(drawn), 5000)
-        self.assertEqual(times, sorted(times))
-        self.assertEqual((max(drawn), min(drawn)), (5000, -300))   # no spike lost
-        self.assertLessEqual(set(drawn), set(values))
+        page, (temp, alarm, event, bal) = charts("DdTemperatureData.d1Temp", "AlarmStatusData", "TdEvent", "DdBalChamberData")
+        rows = temp["rows"]
+        self.assertTrue(temp["series"][0]["points"] == 12000 and 1024 <= len(rows) / 2 <= 2048, len(rows))
+        # Each bucket as two rows, at its first and its last message: its minimum and maximum, in their order.
+        covered = []
+        for (first, a), (last, b) in zip(rows[::2], rows[1::2]):
+            bucket = values[first - rows[0][0]:last - rows[0][0] + 1]
+            low, high, covered = min(bucket), max(bucket), covered + bucket
+            self.assertEqual([a, b], [low, high] if bucket.index(low) < bucket.index(high) else [high, low], first)
+        self.assertEqual(covered, values)   # every message in a bucket
         self.assertTrue("Reduced from 12000 points" in page)
         self.assertEqual(alarm["rows"], [])
         self.assertTrue("No points in the selection: alarmState, alarmTop" in page)
         self.assertEqual([r[1:4] + r[4:] for r in event["rows"]], [[9, 1, 2] + [None] * 8])
+        self.assertEqual(([s["bool"] for s in bal["series"]], bal["rows"]),   # bools are drawn as 0/1 steps
+                         ([False] * 3 + [True, False, True, True, True], [[1000, 3, 0, 0.1, 1, 7, 0, 1, 0]]))
         self.assertTrue("No points in the selection: data1_bool, data1_uint32" in page)
 
         page, [temp] = charts("--to", "1700000000.099", "DdTemperatureData.d1Temp")
