@@ -25,10 +25,16 @@ class Decode(unittest.TestCase):
         for args in ([], ["frobnicate"], ["decode", "--format", "xml"], ["decode", "--bogus"], ["decode", "a", "b"],
                      ["decode", "/no/such/file"], ["synth", "--count", "ten"], ["list", "1", "2"],
                      ["stats", "--message", "0x0001"], ["stats", "--from", "soon"], ["stats", "--from", "20", "--to", "10"],
-                     ["decode", "--format", "csv"], ["decode", "--format", "csv", "--message", "Dd"]):
+                     ["decode", "--format", "csv"], ["decode", "--format", "csv", "--message", "Dd"], ["list", "Nope"],
+                     ["list", "0x0001"], ["decode", "--format", "1"], ["encode", "--from", "json"], ["make", "Td"]):
             r = run(*args)
             self.assertEqual((r.returncode, r.stdout, bool(r.stderr)), (2, b"", True), args)
-        self.assertIn("nearest: DdTemperatureData", run("decode", "--message", "DdTemprature").stderr.decode())
+        for args, said in ((["decode", "--message", "DdTemprature"], "--message: no message 'DdTemprature'; nearest: "
+                                                                      "DdTemperatureData, TdTemperatureData, FpTemperatureData"),
+                           (["decode", "--format", "xml"], "--format must be one of dump, json, text, binary, csv (got 'xml')"),
+                           (["stats", "--fromat", "json"], "unknown option '--fromat'; nearest: --format"),
+                           (["encode", "--format", "1"], "--format must be one of json, binary, text (got '1')")):
+            self.assertEqual(run(*args).stderr.decode().splitlines()[0], f"vorlink {args[0]}: {said}", args)
         for args in (["--help"], ["help", "decode"], ["encode", "-h"]):
             self.assertIn(b"Usage: vorlink", run(*args).stdout, args)
         self.assertRegex(run("--version").stdout.decode(), r"^vorlink \d+\.\d+\.\d+ .*474 messages")
@@ -54,9 +60,9 @@ class Decode(unittest.TestCase):
         out = run("decode", "--format", "binary", stdin=b"1 1 0x4400 " + b"ffffff7f" * 24).stdout
         self.assertEqual((out[0] >= 0x80, (out[0] & 0x7F) | out[1] << 7), (True, len(out) - 2))
         csv = run("decode", "--format", "csv", "--message", "TdEvent", stdin=EVENT).stdout.decode().splitlines()
-        self.assertEqual(csv, ["time,sequence,msgId,event,dataType1,data1_bool,data1_uint32,data1_int32,data1_float,"
-                               "dataType2,data2_bool,data2_uint32,data2_int32,data2_float",
-                               "1970-01-01T00:00:01.500Z,-1,5888,9,1,,,,,2,,,,"])
+        self.assertEqual(csv, ["time,message,id,sequence,msgId,event,dataType1,data1_bool,data1_uint32,data1_int32,"
+                               "data1_float,dataType2,data2_bool,data2_uint32,data2_int32,data2_float",
+                               "1970-01-01T00:00:01.500Z,TdEvent,0x1700,-1,5888,9,1,,,,,2,,,,"])
 
     def test_bad_lines_are_reported_and_the_rest_converted(self):
         r = run("decode", "examples/malformed.log")
@@ -70,7 +76,7 @@ class Decode(unittest.TestCase):
             "examples/malformed.log:7: payload has an odd number of hexadecimal digits (7)",
             "examples/malformed.log:8: payload has 'z' at digit 3, which is not hexadecimal",
             "examples/malformed.log:9: sequence '70000' is not a decimal number from 0 to 65535",
-            "examples/malformed.log:10: time 'yesterday' is not seconds since 1970 (0 to 253402300799.999, up to 3 decimals)",
+            "examples/malformed.log:10: time 'yesterday' is not seconds since 1970 (0 to 253402300799.999, up to 9 decimals)",
             "vorlink decode: 6 lines rejected"])
         verbose = run("decode", "--verbose", "examples/malformed.log")
         self.assertIn("Not enough data", verbose.stderr.decode())
@@ -123,7 +129,7 @@ class Questions(unittest.TestCase):
             want = [l[:3] for l in self.lines if wanted(int(l[2], 16), float(l[0]))]
             self.assertTrue(0 < len(want) < len(self.lines), args)
             binary = run("decode", "--format", "binary", *args, stdin=self.log).stdout
-            got = [l.split()[:3] for l in run("encode", "--from", "binary", stdin=binary).stdout.decode().splitlines()]
+            got = [l.split()[:3] for l in run("encode", "--format", "binary", stdin=binary).stdout.decode().splitlines()]
             self.assertEqual(got, want, args)
             stats = json.loads(run("stats", "--format", "json", *args, stdin=self.log).stdout)["totals"]
             self.assertEqual((stats["messages"], stats["leftOut"]), (len(want), len(self.lines) - len(want)), args)
@@ -144,7 +150,7 @@ class Questions(unittest.TestCase):
     def test_encode_reads_back_every_format(self):
         for form in ("binary", "text", "json"):
             data = run("decode", "--format", form, stdin=self.log).stdout
-            for args in (["--from", form], []):
+            for args in (["--format", form], []):
                 back = run("encode", *args, stdin=data)
                 self.assertEqual((back.returncode, back.stderr, len(back.stdout.splitlines())), (0, b"", 3000), (form, args))
                 for a, b in zip(messages(back.stdout.decode()), self.lines):
@@ -163,16 +169,55 @@ class Questions(unittest.TestCase):
 class List(unittest.TestCase):
     def test_listing_of_every_message_and_field(self):
         listing = run("list").stdout.decode().splitlines()   # 1258 wire fields, 32 oneof members, 124 "no fields"
-        self.assertEqual([sum(l.startswith(p) for l in listing) for p in ("0x", "  ", "     -")], [474, 1258 + 32 + 124, 32])
+        self.assertEqual([sum(l.startswith(p) for l in listing) for p in ("0x", "  ", "     -")], [474, 1258 + 32 + 124, 32 + 124])
         self.assertEqual(run("list", "alarmstatusdata").stdout.decode().splitlines(), [
             "0x0100  MSG_ID_ALARM_STATUS_DATA  zelko.messages.AlarmStatusData  14 bytes",
-            "     0  U32  alarmState                       uint32", "     4  U32  alarmTop                         uint32",
-            "     8  U32  silenceExpiresIn                 uint32", "    12  U16  alarmsFlags                      uint32"])
-        self.assertEqual(run("list", "0x1700").stdout.decode().splitlines()[::4], [
-            "0x1700  MSG_ID_TD_EVENT  zelko.messages.TdEvent  20 bytes (record reads 12)",
-            "     -  -    data1_bool                       bool, schema only (oneof data1)",
-            "     -  -    data2_bool                       bool, schema only (oneof data2)"])
-        self.assertEqual((run("list", "NoSuchMessage").returncode, run("list", "0x0001").returncode), (1, 1))
+            "     0  U32  AlarmStatusData.alarmState" + " " * 31 + "uint32",
+            "     4  U32  AlarmStatusData.alarmTop" + " " * 33 + "uint32",
+            "     8  U32  AlarmStatusData.silenceExpiresIn" + " " * 25 + "uint32",
+            "    12  U16  AlarmStatusData.alarmsFlags" + " " * 30 + "uint32"])
+        event = run("list", "0x1700").stdout.decode().splitlines()
+        self.assertEqual((event[0], event[4].split()), ("0x1700  MSG_ID_TD_EVENT  zelko.messages.TdEvent  20 bytes (record reads 12)",
+                         ["-", "-", "TdEvent.data1_bool", "bool,", "schema", "only", "(oneof", "data1)"]))
+        self.assertIn("     -  -    AckMessageThatRequiresAck: no fields", listing)
+        # Every line below a message names it: grep keeps a message whole.
+        current = None
+        for line in listing:
+            if line.startswith("0x"):
+                current = line.split()[2].split(".")[-1]
+            else:
+                self.assertIn(current, line)
+
+    def test_one_vocabulary_for_every_command(self):
+        """--message, list and make read a key alike."""
+        rows = json.loads(run("list", "--format", "json").stdout)
+        self.assertEqual(len(rows), 474)
+        for key in ("0x2600", "9728", "DdTempratureData", "DdTemperatureData", "ddtemperaturedatapayload", "MSG_ID_DD_TEMPERATURE_DATA",
+                    "zelko.messages.DdTemperatureData"):
+            listed = run("list", "--format", "json", key)
+            if key == "DdTempratureData":   # no such name: the three nearest
+                for command in (["list"], ["make"], ["stats", "-m"]):
+                    self.assertEqual(run(*command, key).stderr.decode().splitlines()[0].split(": ", 1)[1].replace("--message: ", ""),
+                                     f"no message '{key}'; nearest: DdTemperatureData, TdTemperatureData, FpTemperatureData")
+                continue
+            self.assertEqual([r["message"] for r in json.loads(listed.stdout)], ["DdTemperatureData"], key)
+            csv = run("decode", "--format", "csv", "-m", key, "examples/bus.log").stdout.decode().splitlines()
+            self.assertEqual(csv[1].split(",")[1:5], ["DdTemperatureData", "0x2600", "23909", "9728"], key)
+            made = run("make", key, "--fill", "0", "--time", "1", "--sequence", "5").stdout
+            self.assertEqual(made, b"1.000 5 0x2600 " + b"0" * 192 + b"\n", key)
+        self.assertEqual(run("decode", "-m", "99999").stderr.decode().splitlines()[0],
+                         "vorlink decode: --message: no message has the id 99999")
+        # A node prefix takes every name that starts with the node's word,
+        # digits after it included, and no other.
+        for node in ("Td", "Dd", "Fp", "Ui"):
+            want = sorted(r["id"] for r in rows if r["message"].startswith(node) and not r["message"][2].islower())
+            self.assertEqual(sorted(r["id"] for r in json.loads(run("list", "--format", "json", node.lower()).stdout)), want)
+            stats = json.loads(run("stats", "--format", "json", "--message", node, "examples/bus.log").stdout)
+            self.assertEqual(sorted(m["id"] for m in stats["messages"]), want, node)
+        self.assertIn("0x1780", want_td := sorted(r["id"] for r in rows if r["message"].startswith("Td")))
+        self.assertEqual(len(want_td), 174)
+        both = json.loads(run("list", "--format", "json", "Fp", "0x0100", "FpTesterLoginRequest").stdout)
+        self.assertEqual(len(both), 1 + sum(r["message"].startswith("Fp") for r in rows))
 
 
 class Plot(unittest.TestCase):
