@@ -56,8 +56,9 @@ Examples:
   vorlink make Td3WayValveSetStateRequest valve=1 state=2 | vorlink decode)";
 
 // A whole number as the user writes it: decimal or 0x hexadecimal, minus sign
-// allowed. False when it is no such number or lies outside 64 bits.
-bool readWhole(const std::string &text, qint64 &value)
+// allowed. False when it is no such number; `tooWide` when it is one but lies
+// outside 64 bits.
+bool readWhole(const std::string &text, qint64 &value, bool &tooWide)
 {
     const char *p = text.data(), *end = p + text.size();
     const bool negative = p != end && *p == '-';
@@ -72,17 +73,9 @@ bool readWhole(const std::string &text, qint64 &value)
     const auto r = std::from_chars(p, end, magnitude, base);
     if (p == end || r.ptr != end)
         return false;
-    if (r.ec != std::errc() || magnitude > quint64(std::numeric_limits<qint64>::max()))
-        return false;
+    tooWide = r.ec != std::errc() || magnitude > quint64(std::numeric_limits<qint64>::max());
     value = negative ? -qint64(magnitude) : qint64(magnitude);
     return true;
-}
-
-bool isWholeText(const std::string &text)
-{
-    const std::size_t digits = text.find_first_not_of('-') == 1 ? 1 : 0;
-    return text.size() > digits && text.find_first_not_of("0123456789abcdefABCDEFxX", digits) == std::string::npos &&
-           std::isdigit(static_cast<unsigned char>(text[digits]));
 }
 
 // Sets one wire field of the schema message from the user's text.
@@ -106,20 +99,22 @@ bool setField(Message &message, const WireField &field, const std::string &text,
             error = field.name + ": '" + text + "' is not a number";
             return false;
         }
-        if (r.ec != std::errc() || (std::isfinite(value) && std::fabs(value) > double(std::numeric_limits<float>::max()))) {
+        // Rounded to the nearest float; refused when that is no longer finite.
+        const float single = float(value);
+        if (r.ec != std::errc() || (std::isfinite(value) && !std::isfinite(single))) {
             error = doesNotFit(field.name, field.type, text);
             return false;
         }
-        reflection->SetFloat(&message, f, float(value));
+        reflection->SetFloat(&message, f, single);
         return true;
     }
     qint64 value = 0;
-    if (!readWhole(text, value)) {
-        error = isWholeText(text) ? doesNotFit(field.name, field.type, text)
-                                  : field.name + ": '" + text + "' is not a whole number (decimal or 0x hexadecimal)";
+    bool tooWide = false;
+    if (!readWhole(text, value, tooWide)) {
+        error = field.name + ": '" + text + "' is not a whole number (decimal or 0x hexadecimal)";
         return false;
     }
-    if (!fitsWire(field.type, value)) {
+    if (tooWide || !fitsWire(field.type, value)) {
         error = doesNotFit(field.name, field.type, text);
         return false;
     }
@@ -160,7 +155,8 @@ int runMake(const CLI::App &command, const MakeOptions &options)
     if (!options.time.empty() && !parseTimeArgument(options.time, entry.msecs))
         return misuse(command, "--time: '" + options.time + "' is neither seconds since 1970 nor an ISO 8601 time");
     qint64 sequence = 0;
-    if (!readWhole(options.sequence, sequence) || sequence < 0 || sequence > 0xFFFF)
+    bool tooWide = false;
+    if (!readWhole(options.sequence, sequence, tooWide) || tooWide || sequence < 0 || sequence > 0xFFFF)
         return misuse(command, "--sequence: '" + options.sequence + "' is not a number from 0 to 65535");
     entry.sequence = quint16(sequence);
 

@@ -3,7 +3,7 @@
 rejected lines, selection, stats, the way back through encode, and the
 listing of the dictionary. Runs in a time zone other than UTC."""
 
-import argparse, json, os, re, struct, subprocess, sys, tempfile, unittest
+import argparse, json, os, re, struct, subprocess, sys, tempfile, time, unittest
 
 TOOL = EXAMPLES = None
 ENV = dict(os.environ, TZ="XYZ-3")
@@ -164,6 +164,113 @@ class Questions(unittest.TestCase):
                 b'{"header":{"timestamp":"1970-01-01T00:00:00Z","msgId":2}}\n')
         self.assertEqual((r.returncode, r.stdout), (1, b"0.000 3 0x0280 01000000\n"))
         self.assertIn("<stdin>:2: unknown message id 0x0002", r.stderr.decode())
+
+
+class Craft(unittest.TestCase):
+    """Messages made by hand: encode's refusals, make, JSON as people write it."""
+    HEADER = {"sequence": 1, "msgId": 19360, "timestamp": "2023-11-14T22:13:20Z"}
+
+    def test_encode_refuses_a_value_its_wire_field_cannot_hold_in_every_format(self):
+        def varint(n):
+            out = b""
+            while n >= 0x80:
+                out, n = out + bytes([n & 0x7F | 0x80]), n >> 7
+            return out + bytes([n])
+
+        def binary(msg_id, number, value):   # header {timestamp {seconds: 1700000000}, msgId}, then the field
+            header = b"\x0a" + varint(6) + b"\x08" + varint(1700000000) + b"\x10\x01\x18" + varint(msg_id)
+            body = b"\x0a" + varint(len(header)) + header + bytes([number << 3]) + varint(value)
+            return varint(len(body)) + body
+
+        def text(value):
+            return f"header {{ timestamp {{ seconds: 1700000000 }} sequence: 1 msgId: 19360 }}\ncommand: {value}\n\n".encode()
+
+        refusal = "<stdin>:{}: command: {} does not fit U08 (0 to 255)"
+        cases = [("json", lambda v: json.dumps({"header": self.HEADER, "command": v}).encode() + b"\n", refusal.format(1, "{}")),
+                 ("json", lambda v: json.dumps({"header": self.HEADER, "command": str(v)}).encode() + b"\n", refusal.format(1, "{}")),
+                 ("text", text, refusal.format(1, "{}")),
+                 ("binary", lambda v: binary(19360, 2, v), "<stdin>: byte 0: command: {} does not fit U08 (0 to 255)")]
+        for form, make, said in cases:
+            for value in (256, 300, 70000):
+                for args in ([], ["--format", form]):
+                    r = run("encode", *args, "--strict", stdin=make(value))
+                    self.assertEqual((r.returncode, r.stdout), (1, b""), (form, value))
+                    self.assertEqual(r.stderr.decode().splitlines()[0], said.format(value), (form, value))
+            self.assertEqual(run("encode", stdin=make(255)).stdout, b"1700000000.000 1 0x4BA0 ff\n", form)
+        # A U32 has all of its 32 bits, and not one more.
+        r = run("encode", stdin=binary(0x0100, 2, 1 << 32) + binary(0x0100, 2, (1 << 32) - 1))
+        self.assertEqual(r.stderr.decode().splitlines()[0], "<stdin>: byte 0: alarmState: 4294967296 does not fit U32 (0 to 4294967295)")
+        self.assertEqual(r.stdout, b"1700000000.000 1 0x0100 ffffffff00000000000000000000\n")
+        # Past 64 bits, as protobuf's parser refuses it; nothing is written as 0.
+        r = run("encode", stdin=b'{"header":{"sequence":1,"msgId":768,"timestamp":"2023-11-14T22:13:20Z"},"alarmName":99999999999999999999}')
+        self.assertEqual((r.returncode, r.stdout), (1, b""))
+        self.assertIn("<stdin>:1: does not fit zelko.messages.AlarmCleared", r.stderr.decode())
+
+    def test_make_then_decode_gives_back_every_wire_type(self):
+        rows = {   # every wire type at its edges, hexadecimal, negative, float, bool
+            "FwVersionsRequest": {"major": "255", "minor": "0", "micro": "0x7f", "build": "65535", "compatibility": "4294967295"},
+            "TdValvesData": {"valveID": "1", "state": "2", "currentPosID": "3", "currentPos": "-32768", "cmdPos": "32767",
+                             "posA": "-1", "posB": "0", "posC": "0", "posD": "0", "maxHomingPos": "0x10"},
+            "TdBloodPumpData": {"h4SetFlowRate": "-2147483648", "h4MeasFlow": "-1.5", "h4MeasRotorSpd": "3.4028235e38",
+                                "h4MeasPumpSpd": "0.1", "h4MeasTorquemNm": "-0", "h4SetRPM": "1e-45", "h4RotorCount": "0",
+                                "h4PresFlow": "0", "h6RotorHallState": "2147483647"},
+            "TdAlarmInformationData": {"audioVolume": "1", "audioCurrHG": "0", "audioCurrLG": "0", "backupAudioCurr": "0",
+                                       "safetyShutdown": "true", "acPowerLost": "false", "uiAlarmButtonBlocks1": "1",
+                                       "uiAlarmButtonBlocks2": "0", "uiAlarmButtonBlocks3": "0", "uiAlarmButtonBlocks4": "0",
+                                       "uiAlarmButtonBlocks5": "0", "uiAlarmButtonBlocks6": "255"}}
+        f32 = lambda x: struct.unpack("f", struct.pack("f", x))[0]
+        number = lambda t: t == "true" if t in ("true", "false") else f32(float(t)) if "." in t or "e" in t else int(t, 0)
+        for message, fields in rows.items():
+            args = ["make", message, *(f"{k}={v}" for k, v in fields.items()), "--time", "1700000000.123456", "--sequence", "9"]
+            line = run(*args)
+            self.assertEqual((line.returncode, line.stderr), (0, b""), message)
+            got = json.loads(run("decode", "--format", "json", stdin=line.stdout).stdout)
+            self.assertEqual(got["header"], {"sequence": 9, "msgId": got["header"]["msgId"], "timestamp": "2023-11-14T22:13:20.123Z"})
+            for k, v in fields.items():
+                self.assertEqual(f32(got[k]) if isinstance(got[k], float) else got[k], number(v), (message, k))
+            for form in ("json", "text", "binary"):   # as decode shows the message the bus carries
+                self.assertEqual(run(*args, "--format", form).stdout.replace(b"# zelko", b"# line 1: zelko"),
+                                 run("decode", "--format", form, stdin=line.stdout).stdout, (message, form))
+        refusals = [("FwVersionsRequest", "major=256", "major: 256 does not fit U08 (0 to 255)"),
+                    ("FwVersionsRequest", "build=65536", "build: 65536 does not fit U16 (0 to 65535)"),
+                    ("FwVersionsRequest", "compatibility=0x100000000", "compatibility: 0x100000000 does not fit U32 (0 to 4294967295)"),
+                    ("FwVersionsRequest", "major=-1", "major: -1 does not fit U08 (0 to 255)"),
+                    ("TdValvesData", "cmdPos=32768", "cmdPos: 32768 does not fit S16 (-32768 to 32767)"),
+                    ("TdValvesData", "cmdPos=4294934528", "cmdPos: 4294934528 does not fit S16 (-32768 to 32767)"),
+                    ("TdBloodPumpData", "h4SetFlowRate=-2147483649", "h4SetFlowRate: -2147483649 does not fit S32 (-2147483648 to 2147483647)"),
+                    ("TdBloodPumpData", "h4MeasFlow=1e39", "h4MeasFlow: 1e39 does not fit F32 (a finite float up to 3.4028235e38 either way, or NaN or an infinity)"),
+                    ("TdBloodPumpData", "h4RotorCount=99999999999999999999", "h4RotorCount: 99999999999999999999 does not fit U32 (0 to 4294967295)"),
+                    ("TdAlarmInformationData", "acPowerLost=2", "acPowerLost: '2' is not true or false (a U32 held as a bool)"),
+                    ("TdValvesData", "cmdPos=12x", "cmdPos: '12x' is not a whole number (decimal or 0x hexadecimal)"),
+                    ("TdValvesData", "cmdPos=1.5", "cmdPos: '1.5' is not a whole number (decimal or 0x hexadecimal)"),
+                    ("TdValvesData", "cmdPOS=1", "TdValvesData has no field 'cmdPOS'; nearest: cmdPos, posA, posB"),
+                    ("TdValvesData", "cmdPos=1 cmdPos=2", "cmdPos is given twice"),
+                    ("FwVersionsRequest", "major=1 micro=2", "FwVersionsRequest needs every field; missing: minor, build, compatibility (or --fill 0)")]
+        for message, words, said in refusals:
+            r = run("make", message, "--fill", "0", *words.split()) if "missing" not in said else run("make", message, *words.split())
+            self.assertEqual((r.returncode, r.stdout, r.stderr.decode().splitlines()[0]), (2, b"", "vorlink make: " + said), words)
+        now = run("make", "0x1780", "valve=1", "state=2").stdout.split()
+        self.assertEqual(now[1:], [b"0", b"0x1780", b"0100000002000000"])
+        self.assertLess(abs(float(now[0]) - time.time()), 60)
+
+    def test_json_as_people_write_it(self):
+        objects = [{"header": dict(self.HEADER, sequence=n), "command": n} for n in (1, 2, 300, 4)]
+        pretty = "\n".join(json.dumps(o, indent=2) for o in objects).encode()
+        first_lines = [1 + sum(json.dumps(o, indent=2).count("\n") + 1 for o in objects[:k]) for k in range(4)]
+        for text in (pretty, pretty.replace(b"  ", b"\t"), b"\n".join(json.dumps(o).encode() for o in objects)):
+            r = run("encode", stdin=text)
+            self.assertEqual(r.stdout.decode().splitlines(), [f"1700000000.000 {n} 0x4BA0 0{n}" for n in (1, 2, 4)])
+            line = first_lines[2] if text is not objects and b"\n  " in text or b"\t" in text else 3
+            self.assertEqual(r.stderr.decode().splitlines()[0], f"<stdin>:{line}: command: 300 does not fit U08 (0 to 255)")
+        # Well-formed JSON only; an object left open is reported where it starts.
+        good = json.dumps(objects[0]).encode()
+        for bad, said in ((b'{"header":{"sequence":1,"msgId":19360,"timestamp":"2023-11-14T22:13:20Z"},"command":1,}', "Missing a name"),
+                          (b'{"header":{"sequence":1,"msgId":19360,"msgId":19360,"timestamp":"2023-11-14T22:13:20Z"}}', '"msgId" is given twice'),
+                          (b'{"header":{"sequence":1,\n"msgId":19360,', "Missing a name")):
+            r = run("encode", stdin=good + b"\n\n" + bad + (b"" if b"\n" in bad else b"\n" + good))
+            self.assertEqual(r.returncode, 1)
+            self.assertIn(said, r.stderr.decode())
+            self.assertTrue(r.stderr.decode().startswith("<stdin>:3: not JSON: "), r.stderr)
 
 
 class List(unittest.TestCase):
