@@ -675,7 +675,7 @@ public:
         const PendingKind pending = pending_;
         pending_ = None;
         if (pending == Sequence || pending == MsgId) {
-            long long v;
+            long long v = 0;
             if (!integral || !wholeNumber(text, end, v))
                 return false;
             if (pending == Sequence && v >= std::numeric_limits<qint32>::min() && v <= std::numeric_limits<qint32>::max())
@@ -692,7 +692,7 @@ public:
         if (slot.kind == Kind::Float) {
             float f;
             if (integral) {   // protobuf reads it as a whole number, then converts
-                long long v;
+                long long v = 0;
                 if (!wholeNumber(text, end, v) || v < -(1LL << 53) || v > (1LL << 53))
                     return false;
                 f = float(v);
@@ -706,7 +706,7 @@ public:
             std::memcpy(&value.bits, &f, sizeof f);
             return true;
         }
-        long long v;
+        long long v = 0;
         if (slot.kind == Kind::Bool || !integral || !wholeNumber(text, end, v))
             return false;
         if (slot.kind == Kind::UInt32 ? (v < 0 || v > std::numeric_limits<quint32>::max())

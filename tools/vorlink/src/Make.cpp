@@ -50,7 +50,7 @@ Output formats (--format):
 The last three show the message as the machine reads it off the bus.
 
 Examples:
-  vorlink list TdBloodPumpSetSpeedRequest
+  vorlink list Td3WayValveSetStateRequest
   vorlink make 0x1780 valve=1 state=2
   vorlink make DdTemperatureData --fill 0 d1Temp=37.5 --time 2023-11-14T22:13:20Z
   vorlink make Td3WayValveSetStateRequest valve=1 state=2 | vorlink decode)";

@@ -18,9 +18,9 @@ namespace {
 
 const char *const footer = R"(Bus-log line: <time> <sequence> <id> <payload>, e.g.
   1700000000.123 7 0x0100 02000000010000003c0000000500
-time in seconds since 1970 (UTC, up to 9 decimals, kept to the millisecond), sequence 0 to 65535 in
-decimal, id in hexadecimal, payload in hexadecimal ('-' when empty). Blank
-lines and lines starting with '#' are skipped.
+time in seconds since 1970 (UTC, up to 9 decimals, kept to the millisecond),
+sequence 0 to 65535 in decimal, id in hexadecimal, payload in hexadecimal ('-'
+when empty). Blank lines and lines starting with '#' are skipped.
 
 'vorlink <command> --help' shows a command's options, formats and examples.
 Exit status: 0 success, 1 some input was rejected (or output failed), 2 misuse.)";
