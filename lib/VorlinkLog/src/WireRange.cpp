@@ -119,10 +119,10 @@ bool checkWireRanges(const RowInfo &row, const char *proto, std::size_t size, st
             continue;
         const WireField &field = *s.field;
         const bool isSigned = field.schemaField->cpp_type() == google::protobuf::FieldDescriptor::CPPTYPE_INT32;
-        // An int32 is written as its 64-bit two's complement; a uint32 as itself.
-        const bool fits = isSigned ? fitsWire(field.type, qint64(s.raw))
-                                   : s.raw <= 0xFFFFFFFFu && fitsWire(field.type, qint64(s.raw));
-        if (!fits) {
+        // An int32 is written as its 64-bit two's complement, a uint32 as
+        // itself; read as a qint64, a uint32 past 63 bits is negative and
+        // fits no wire type either.
+        if (!fitsWire(field.type, qint64(s.raw))) {
             error = doesNotFit(field.name, field.type, isSigned ? std::to_string(qint64(s.raw)) : std::to_string(s.raw));
             return false;
         }
