@@ -4,6 +4,7 @@
 #include "ZelkoMsgProtoUtils.h"
 #include "ZelkoMsgRowList.h"
 #include "ZelkoMsgWireTable.h"
+#include "WireRange.h"
 
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/message.h>
@@ -58,12 +59,6 @@ template <class... Rows>
 std::vector<RowInfo> makeRows(std::tuple<Rows...> *)
 {
     return {makeRow<Rows>()...};
-}
-
-const char *wireTypeName(WireType type)
-{
-    static const char *const names[] = {"U08", "U16", "U32", "S16", "S32", "F32"};
-    return names[int(type)];
 }
 
 // The record's wire fields from the generated table, then the schema fields
@@ -135,7 +130,8 @@ const RowInfo *Dictionary::findByName(const std::string &name) const
 {
     const std::string wanted = lower(name);
     for (const RowInfo &row : rows_)
-        if (wanted == lower(row.enumerator) || wanted == lower(row.message) || wanted == lower(row.protoName))
+        if (wanted == lower(row.enumerator) || wanted == lower(row.message) || wanted == lower(row.protoName) ||
+            wanted == lower(row.message + "Payload"))
             return &row;
     return nullptr;
 }

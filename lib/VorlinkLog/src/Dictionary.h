@@ -66,7 +66,8 @@ public:
     }
     const std::vector<RowInfo> &rows() const { return rows_; }
 
-    // By enumerator, message name or full schema name, case-insensitive.
+    // By enumerator, message name, full schema name or record class name
+    // (<Message>Payload), case-insensitive.
     const RowInfo *findByName(const std::string &name) const;
 
 private:

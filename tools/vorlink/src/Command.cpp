@@ -60,9 +60,10 @@ void addRunFlags(CLI::App &command, RunFlags &flags)
 
 void addSelectionOptions(CLI::App &command, SelectionOptions &options)
 {
-    command.add_option("--message", options.messages,
-                       "only this message: an id (0x0100), a MSG_ID_ enumerator, a message name, or a node "
-                       "prefix (Td, Dd, Fp, Ui) for all of its messages; repeatable")
+    command.add_option("-m,--message", options.messages,
+                       "only this message: an id (0x2600 or 9728), a message name (DdTemperatureData, "
+                       "DdTemperatureDataPayload, MSG_ID_DD_TEMPERATURE_DATA, any case), or a node prefix (Td, Dd, "
+                       "Fp, Ui) for all of its messages; repeatable")
         ->type_name("X")
         ->allow_extra_args(false);
     command.add_option("--from", options.from, "only messages at this time or later: seconds since 1970 as in the "
@@ -106,6 +107,31 @@ ScanView::ScanView(LogScan &scan, const RunFlags &flags)
 int ScanView::finish(const CLI::App &command, Writer &out)
 {
     return finishRun(command, scan_.input(), scan_.rejects(), progress_, out, scan_.strict());
+}
+
+std::string parseErrorText(const CLI::App &where, const CLI::ParseError &error)
+{
+    if (dynamic_cast<const CLI::ExtrasError *>(&error) == nullptr)
+        return error.what();
+    const std::vector<std::string> extras = where.remaining();
+    if (extras.empty())
+        return error.what();
+    const std::string &extra = extras.front();
+    std::vector<std::string> names;
+    if (!extra.empty() && extra[0] == '-') {
+        for (const CLI::Option *option : where.get_options())
+            for (const std::string &name : option->get_lnames())
+                names.push_back("--" + name);
+        names.emplace_back("--help");
+        const std::string wanted = extra.substr(0, extra.find('='));
+        return "unknown option '" + wanted + "'; nearest: " + nearestNames(wanted, names, 1);
+    }
+    if (where.get_parent() == nullptr) {
+        for (const CLI::App *sub : where.get_subcommands({}))
+            names.push_back(sub->get_name());
+        return "unknown command '" + extra + "'; nearest: " + nearestNames(extra, names, 2);
+    }
+    return "unexpected argument '" + extra + "'";
 }
 
 const CLI::Validator &wholeNumber()

@@ -36,6 +36,7 @@ Command addStatsCommand(CLI::App &parent);
 Command addListCommand(CLI::App &parent);
 Command addSynthCommand(CLI::App &parent);
 Command addPlotCommand(CLI::App &parent);
+Command addMakeCommand(CLI::App &parent);
 
 // Reports misuse found after the command line was parsed (a value that reads
 // but means nothing, a file that cannot be opened) and returns exitMisuse.
@@ -80,6 +81,29 @@ private:
 void installMessageHandler();
 void setVerbose(bool verbose);
 void setDumpTarget(std::string *target);
+
+// Reads a named choice such as --format, case-insensitive, as given on the
+// command line: false with "--format must be one of dump, json (got 'xml')".
+// Kept as text while CLI11 parses, so that no number stands for a name.
+template <class T>
+bool choose(const std::string &option, const std::string &given,
+            const std::vector<std::pair<std::string, T>> &choices, T &value, std::string &error)
+{
+    std::string names;
+    for (const auto &[name, v] : choices) {
+        if (CLI::detail::to_lower(given) == name) {
+            value = v;
+            return true;
+        }
+        names += (names.empty() ? "" : ", ") + name;
+    }
+    error = option + " must be one of " + names + " (got '" + given + "')";
+    return false;
+}
+
+// The words for what CLI11 refused: an unknown option with the nearest one,
+// an unknown command with the nearest ones, else CLI11's own text.
+std::string parseErrorText(const CLI::App &where, const CLI::ParseError &error);
 
 // Validates a whole decimal number (no sign, no base prefix).
 const CLI::Validator &wholeNumber();

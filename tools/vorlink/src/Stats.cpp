@@ -21,6 +21,7 @@ namespace {
 struct StatsOptions
 {
     std::string input = "-";
+    std::string formatName = "text";
     bool json = false;
     RunFlags flags;
     SelectionOptions select;
@@ -73,8 +74,8 @@ void writeJson(const std::vector<const RowInfo *> &rows, const std::vector<Messa
     QJsonArray messages;
     for (const RowInfo *row : rows) {
         const MessageTally &s = seen[row->id];
-        QJsonObject item{{"id", row->id},
-                         {"idHex", QString::fromStdString(hexId(row->id))},
+        QJsonObject item{{"id", QString::fromStdString(hexId(row->id))},
+                         {"msgId", row->id},
                          {"message", QString::fromStdString(row->message)},
                          {"count", s.count},
                          {"first", QString::fromStdString(isoTime(s.first))},
@@ -100,6 +101,8 @@ void writeJson(const std::vector<const RowInfo *> &rows, const std::vector<Messa
 int runStats(const CLI::App &command, StatsOptions &options)
 {
     std::string error;
+    if (!choose<bool>("--format", options.formatName, {{"text", false}, {"json", true}}, options.json, error))
+        return misuse(command, error);
     if (!resolveSelection(options.select, options.selection, error))
         return misuse(command, error);
     setVerbose(options.flags.verbose);
@@ -135,10 +138,7 @@ Command addStatsCommand(CLI::App &parent)
                                                        "often; and the rejected lines by cause");
     command->add_option("FILE", options->input, "the bus log; standard input when '-' or missing")
         ->type_name("");
-    const std::map<std::string, bool> formats = {{"text", false}, {"json", true}};
-    command->add_option("--format", options->json, "text (default) or json")
-        ->transform(CLI::CheckedTransformer(formats, CLI::ignore_case).description(""))
-        ->type_name("FORMAT");
+    command->add_option("--format", options->formatName, "text (default) or json")->type_name("FORMAT");
     addSelectionOptions(*command, options->select);
     addRunFlags(*command, options->flags);
     command->footer(R"(One row per message type seen, in id order: id, name, count, the first and

@@ -69,8 +69,9 @@ def main():
         fields, bools = {}, []
         for name in ("TdAlarmInformationData", "TdEvent"):
             listing = subprocess.run([tool, "list", name], capture_output=True, text=True, check=True).stdout
-            fields[name] = [l.split()[2] for l in listing.splitlines()[1:]]
-            bools.append([l.split()[2] for l in listing.splitlines()[1:] if l.split()[3].startswith("bool")])
+            fields[name] = [l.split()[2].split(".", 1)[1] for l in listing.splitlines()[1:]]
+            bools.append([l.split()[2].split(".", 1)[1] for l in listing.splitlines()[1:]
+                          if l.split()[3].startswith("bool")])
 
     found = re.search(r'<pre id="report">(.*?)</pre>', r.stdout, re.S)
     uncaught = ["console: " + l for l in r.stderr.splitlines() if "Uncaught" in l]
