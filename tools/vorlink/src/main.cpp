@@ -40,7 +40,8 @@ int main(int argc, char **argv)
                std::to_string(Dictionary::instance().rows().size()) + " messages)";
     });
     const std::vector<Command> commands = {addDecodeCommand(app), addEncodeCommand(app), addStatsCommand(app),
-                                           addListCommand(app), addSynthCommand(app), addPlotCommand(app)};
+                                           addListCommand(app), addSynthCommand(app), addPlotCommand(app),
+                                           addMonitorCommand(app)};
 
     // "vorlink help decode" is "vorlink decode --help".
     std::vector<std::string> args(argv + 1, argv + argc);
