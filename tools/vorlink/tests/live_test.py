@@ -313,7 +313,7 @@ class Monitor(unittest.TestCase):
 if __name__ == "__main__":
     parser = argparse.ArgumentParser()
     parser.add_argument("--tool", required=True)
-    parser.add_argument("--sanitized", action="store_true")
+    parser.add_argument("--sanitize", default="", help="the sanitizers the tool was built with, if any")
     options, rest = parser.parse_known_args()
-    TOOL, SANITIZED = os.path.abspath(options.tool), options.sanitized
+    TOOL, SANITIZED = os.path.abspath(options.tool), bool(options.sanitize)
     unittest.main(argv=[sys.argv[0], *rest], verbosity=2)
