@@ -119,7 +119,8 @@ class AsItComes(unittest.TestCase):
             # fails all three.
             tries = [self.latencies(args, sent, unit) for _ in range(3)]
             best = min(tries, key=lambda t: max(x if x is not None else 99 for x in t))
-            print(f"{' '.join(args)}: {max(best) * 1000:.1f} ms at most", file=sys.stderr)
+            print(f"{' '.join(args)}: {max(x if x is not None else 99 for x in best) * 1000:.1f} ms at most",
+                  file=sys.stderr)
             self.assertTrue(all(x is not None and x < 0.1 for x in best), (args, tries))
 
     def test_rejected_lines_keep_their_place_among_the_good(self):
@@ -143,7 +144,11 @@ class Stopping(unittest.TestCase):
             p.stdin.flush()
             time.sleep(0.5 if not SANITIZED else 2)
             p.send_signal(sig)
-            out, err = p.communicate(timeout=30)
+            try:
+                p.wait(timeout=30)   # with its input still open: the signal alone ends the wait
+            finally:
+                p.kill()
+            out, err = p.communicate()
             self.assertEqual(p.returncode, 128 + sig)
             self.assertIn(b"10 messages of 1 type", out)
             self.assertEqual(err.decode(), f"vorlink stats: stopped by {signal.Signals(sig).name}\n")
@@ -284,7 +289,7 @@ class Monitor(unittest.TestCase):
                                                        "alarmTop=1,", "silenceExpiresIn=60,", "alarmsFlags=5"])
         event = rows[alarm_row + 2].split()
         self.assertEqual(event[:3], ["0x1700", "TdEvent", "3000"])
-        self.assertTrue(800 < float(event[3]) <= 1000 and 0 <= float(event[4]) < 2, event)
+        self.assertTrue(800 < float(event[3]) < 1100 and 0 <= float(event[4]) < 2, event)
         self.assertAlmostEqual(float(rows[alarm_row].split()[3]) / float(event[3]), 9, delta=0.1)
 
         # A long dump line wraps to the pane's width; a rejected line is
