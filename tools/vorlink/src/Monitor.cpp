@@ -334,6 +334,7 @@ void Monitor::draw(long long now)
     int nameWidth = 7;
     for (const Latest *l : seen_)
         nameWidth = std::max(nameWidth, int(l->row->message.size()));
+    nameWidth = std::max(12, std::min(nameWidth, width - 46));   // on a narrow screen, names are cut
     char text[512];
     std::snprintf(text, sizeof text, "%-6s  %-*s %10s %12s %12s", "id", nameWidth, "message", "count", "rate Hz",
                   "last, s ago");
@@ -349,7 +350,7 @@ void Monitor::draw(long long now)
         char rateText[32] = "-";
         if (l->rate.rate(logNow, firstMsecs_, rate))
             std::snprintf(rateText, sizeof rateText, "%.2f", rate);
-        std::snprintf(text, sizeof text, "0x%04X  %-*s %10lld %12s %12.1f", l->row->id, nameWidth,
+        std::snprintf(text, sizeof text, "0x%04X  %-*.*s %10lld %12s %12.1f", l->row->id, nameWidth, nameWidth,
                       l->row->message.c_str(), l->count, rateText, double(logNow - l->lastMsecs) / 1000.0);
         lines.emplace_back(text);
         if (!l->dumped) {
