@@ -50,6 +50,8 @@ Examples:
   vorlink decode --format json --message DdTemperatureData --from 2023-11-14T22:13:20Z bus.log
   vorlink decode --format csv --message DdTemperatureData bus.log > temperatures.csv
   vorlink synth --count 10 | vorlink decode --format text
+  tail -f bus.log | vorlink decode      each line as it comes
+  vorlink decode --follow bus.log       the same, through log rotation
 
 A line that cannot be converted (bad field, odd hex, unknown id, payload too
 short) is reported on standard error as FILE:LINE: reason; the other lines are
@@ -142,11 +144,11 @@ int runDecode(const CLI::App &command, DecodeOptions &options)
     }
     setVerbose(options.flags.verbose);
     LogScan scan(options.selection, options.flags.strict);
-    if (!scan.open(options.input, error))
+    if (!openInput(scan.input(), options.input, options.flags.follow, error))
         return misuse(command, error);
-    ScanView view(scan, options.flags);
-
     Writer out;
+    ScanView view(scan, options.flags, &out);
+
     google::protobuf::TextFormat::Printer textPrinter;
     std::vector<std::unique_ptr<Message>> parsed(Dictionary::instance().rows().size());
     std::string text;
@@ -215,6 +217,7 @@ Command addDecodeCommand(CLI::App &parent)
         ->type_name("FORMAT");
     addSelectionOptions(*command, options->select);
     addRunFlags(*command, options->flags);
+    addFollowFlag(*command, options->flags.follow);
     command->footer(decodeFooter);
     return {command, [command, options] { return runDecode(*command, *options); }};
 }

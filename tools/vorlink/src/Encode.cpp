@@ -217,12 +217,12 @@ int runEncode(const CLI::App &command, EncodeOptions &options)
                                                         {"text", Input::Text}},
                        options.format, error))
         return misuse(command, error);
-    if (!input.open(options.input, error))
+    if (!openInput(input, options.input, options.flags.follow, error))
         return misuse(command, error);
     Writer out;
     Progress progress(!options.flags.noProgress, input.totalBytes());
     Rejects rejects;
-    showRejects(rejects, input.name(), progress);
+    watchInput(input, rejects, &out, progress);
     const bool strict = options.flags.strict;
     std::unique_ptr<Message> envelope(
         google::protobuf::MessageFactory::generated_factory()->GetPrototype(&envelopeType())->New());
@@ -334,6 +334,7 @@ Command addEncodeCommand(CLI::App &parent)
                                                          "first bytes when not given")
         ->type_name("FORMAT");
     addRunFlags(*command, options->flags);
+    addFollowFlag(*command, options->flags.follow);
     command->footer(encodeFooter);
     return {command, [command, options] { return runEncode(*command, *options); }};
 }

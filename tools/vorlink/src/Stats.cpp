@@ -107,7 +107,7 @@ int runStats(const CLI::App &command, StatsOptions &options)
         return misuse(command, error);
     setVerbose(options.flags.verbose);
     LogScan scan(options.selection, options.flags.strict);
-    if (!scan.open(options.input, error))
+    if (!openInput(scan.input(), options.input, options.flags.follow, error))
         return misuse(command, error);
     ScanView view(scan, options.flags);
 
@@ -141,6 +141,7 @@ Command addStatsCommand(CLI::App &parent)
     command->add_option("--format", options->formatName, "text (default) or json")->type_name("FORMAT");
     addSelectionOptions(*command, options->select);
     addRunFlags(*command, options->flags);
+    addFollowFlag(*command, options->flags.follow);
     command->footer(R"(One row per message type seen, in id order: id, name, count, the first and
 the last time (UTC), the mean rate in Hz over that span, the payload bytes in
 all, and how many of the messages carried bytes behind their record (unread).
@@ -150,7 +151,8 @@ when the library converts it, as decode would.
 Examples:
   vorlink stats examples/bus.log
   vorlink stats --message Dd --from 1700000000 --to 1700000060 bus.log
-  vorlink stats --format json bus.log | jq '.messages[] | select(.count > 100)')");
+  vorlink stats --format json bus.log | jq '.messages[] | select(.count > 100)'
+  vorlink stats --follow bus.log      counts until Ctrl-C, then the table)");
     return {command, [command, options] { return runStats(*command, *options); }};
 }
 

@@ -44,7 +44,7 @@ int main(int argc, char **argv)
     });
     const std::vector<Command> commands = {addDecodeCommand(app), addEncodeCommand(app), addStatsCommand(app),
                                            addListCommand(app), addSynthCommand(app), addPlotCommand(app),
-                                           addMakeCommand(app)};
+                                           addMakeCommand(app), addMonitorCommand(app)};
 
     // "vorlink help decode" is "vorlink decode --help".
     std::vector<std::string> args(argv + 1, argv + argc);
