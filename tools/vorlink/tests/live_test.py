@@ -183,6 +183,7 @@ class Follow(unittest.TestCase):
                 f.write(alarm(1) + alarm(2))
             p = subprocess.Popen([TOOL, "decode", "--follow", log], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                                  env=ENV)
+            self.addCleanup(p.kill)   # a follower never ends by itself
             out, err = Reader(p.stdout), Reader(p.stderr)
             count = lambda: len(out.data().splitlines())
 
