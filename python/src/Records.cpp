@@ -220,6 +220,11 @@ int putInteger(int row, const WireFieldEntry &f, PyObject *value, unsigned char 
         if (f.schema != SchemaType::Bool)
             return refuse(row, f, value, "is a bool, and this field is a number");
         n = value == Py_True ? 1 : 0;
+    } else if (PyLong_CheckExact(value)) {
+        int overflow = 0;
+        n = PyLong_AsLongLongAndOverflow(value, &overflow);
+        if (overflow != 0)
+            return refuse(row, f, value, "is outside the range");
     } else if (PyLong_Check(value) || (!PyFloat_Check(value) && PyIndex_Check(value))) {
         PyObject *index = PyNumber_Index(value);
         if (index == nullptr)
@@ -303,6 +308,25 @@ public:
     Values(const Values &) = delete;
     Values &operator=(const Values &) = delete;
 
+    // A keyword is mostly the interned name of its field, in wire order:
+    // found by identity, at its place or in the names; else by the dict.
+    int setKeyword(Py_ssize_t position, PyObject *name, PyObject *value)
+    {
+        PyObject *names = registry().fieldNames[std::size_t(row_)];
+        if (std::size_t(position) < count_ && PyTuple_GET_ITEM(names, position) == name &&
+            slots_[position] == nullptr) {
+            slots_[position] = value;
+            return 0;
+        }
+        for (std::size_t k = 0; k < count_; ++k) {
+            if (PyTuple_GET_ITEM(names, Py_ssize_t(k)) == name && slots_[k] == nullptr) {
+                slots_[k] = value;
+                return 0;
+            }
+        }
+        return set(name, value);
+    }
+
     int set(PyObject *name, PyObject *value)
     {
         if (!PyUnicode_Check(name)) {
@@ -374,11 +398,14 @@ public:
     // Every field given, each in range: the record, else -1 with the reason.
     int write(void *storage)
     {
-        std::string missing;
+        std::size_t given = 0;
         for (std::size_t k = 0; k < count_; ++k)
-            if (slots_[k] == nullptr)
-                missing += (missing.empty() ? "" : ", ") + std::string(fieldOf(row_, k).name);
-        if (!missing.empty()) {
+            given += slots_[k] != nullptr;
+        if (given < count_) {
+            std::string missing;
+            for (std::size_t k = 0; k < count_; ++k)
+                if (slots_[k] == nullptr)
+                    missing += (missing.empty() ? "" : ", ") + std::string(fieldOf(row_, k).name);
             PyErr_Format(PyExc_ValueError, "%s: no value for %s (give every field, or fill=0 for those left out)",
                          wireRows[row_].message, missing.c_str());
             return -1;
@@ -457,12 +484,12 @@ PyObject *encode(PyObject *, PyObject *const *args, Py_ssize_t nargs, PyObject *
     const Py_ssize_t keywords = kwnames != nullptr ? PyTuple_GET_SIZE(kwnames) : 0;
     for (Py_ssize_t i = 0; i < keywords; ++i) {
         PyObject *name = PyTuple_GET_ITEM(kwnames, i);
-        if (PyUnicode_CompareWithASCIIString(name, "fill") == 0 &&
+        if (PyUnicode_Compare(name, registry().fillName) == 0 &&
             !PyDict_Contains(registry().fieldIndex[std::size_t(row)], name)) {
             fill = args[nargs + i];
             continue;
         }
-        if (values.set(name, args[nargs + i]) < 0)
+        if (values.setKeyword(i, name, args[nargs + i]) < 0)
             return nullptr;
     }
     if (fill != nullptr)
