@@ -4,7 +4,7 @@
 
 #include "FuzzCommon.h"
 
-#include "BusLog.h"
+#include "JsonLine.h"
 #include "Dictionary.h"
 #include "JsonCodec.h"
 

@@ -3,7 +3,7 @@
 
 #include "Module.h"
 
-#include "RecordOps.h"
+#include "Dictionary.h"
 
 #include "ZelkoMsgDefs.h"
 #include "ZelkoMsgProtoUtils.h"

@@ -4,7 +4,7 @@
 
 #include "Module.h"
 
-#include "RecordOps.h"
+#include "Dictionary.h"
 
 #include "ZelkoMsgDefs.pb.h"
 #include "ZelkoMsgProtoUtils.h"
@@ -76,11 +76,18 @@ private:
     bool ok_ = false;
 };
 
+// The shared dictionary's row: its record's operations and where its fields sit.
+const RowInfo &rowInfo(int row)
+{
+    static const std::vector<RowInfo> &rows = Dictionary::instance().rows();
+    return rows[std::size_t(row)];
+}
+
 const WireFieldEntry &fieldOf(int row, std::size_t k) { return wireFields[wireRows[row].firstField + k]; }
 
 unsigned char *placeOf(int row, std::size_t k, void *storage)
 {
-    return static_cast<unsigned char *>(storage) + recordOffset(wireRows[row].firstField + k);
+    return static_cast<unsigned char *>(storage) + rowInfo(row).fields[k].recordOffset;
 }
 
 PyObject *valueOf(WireType type, const unsigned char *at)
@@ -108,8 +115,9 @@ PyObject *makeRecord(int row, const void *storage, const char *unread, Py_ssize_
     if (record == nullptr)
         return nullptr;
     const unsigned char *base = static_cast<const unsigned char *>(storage);
+    const std::vector<WireField> &fields = rowInfo(row).fields;
     for (std::size_t k = 0; k < count; ++k) {
-        PyObject *value = valueOf(fieldOf(row, k).wire, base + recordOffset(wireRows[row].firstField + k));
+        PyObject *value = valueOf(fields[k].type, base + fields[k].recordOffset);
         if (value == nullptr) {
             Py_DECREF(record);
             return nullptr;
@@ -410,7 +418,7 @@ public:
                          wireRows[row_].message, missing.c_str());
             return -1;
         }
-        recordOps(std::size_t(row_)).make(storage);
+        rowInfo(row_).record->make(storage);
         for (std::size_t k = 0; k < count_; ++k)
             if (putField(row_, k, slots_[k], storage) < 0)
                 return -1;
@@ -455,7 +463,7 @@ PyObject *decode(PyObject *, PyObject *const *args, Py_ssize_t nargs)
         return nullptr;
     RecordStorage storage;
     CaptureLine warning;
-    if (!recordOps(std::size_t(row)).fromWire(payload.raw(), &storage)) {
+    if (!rowInfo(row).record->fromWire(payload.raw(), &storage)) {
         const WireRowEntry &e = wireRows[row];
         if (warning.caught())
             PyErr_SetString(registry().payloadTooShort, warning.line().toUtf8().constData());
@@ -498,7 +506,7 @@ PyObject *encode(PyObject *, PyObject *const *args, Py_ssize_t nargs, PyObject *
     if (values.write(&storage) < 0)
         return nullptr;
     QByteArray &out = scratch();
-    recordOps(std::size_t(row)).toWire(&storage, out);
+    rowInfo(row).record->toWire(&storage, out);
     return PyBytes_FromStringAndSize(out.constData(), out.size());
 }
 
@@ -521,7 +529,7 @@ PyObject *dump(PyObject *, PyObject *record)
     if (row < 0)
         return nullptr;
     CaptureLine line;
-    recordOps(std::size_t(row)).dump(&storage);
+    rowInfo(row).record->dump(&storage);
     const QByteArray utf8 = line.line().toUtf8();
     return PyUnicode_FromStringAndSize(utf8.constData(), utf8.size());
 }
@@ -539,7 +547,7 @@ PyObject *fromProtobuf(PyObject *, PyObject *const *args, Py_ssize_t nargs)
     if (!data.ok())
         return nullptr;
     RecordStorage storage;
-    if (!recordOps(std::size_t(row)).fromProto(data.raw(), &storage)) {
+    if (!rowInfo(row).record->fromProto(data.raw(), &storage)) {
         PyErr_Format(PyExc_ValueError, "%d bytes do not parse as zelko.messages.%s", data.size(), wireRows[row].message);
         return nullptr;
     }

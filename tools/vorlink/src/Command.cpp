@@ -1,5 +1,6 @@
 #include "Command.h"
-#include "Io.h"
+#include "LogScan.h"
+#include "Selection.h"
 
 #include <QLoggingCategory>
 #include <QString>
@@ -7,6 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <limits>
 
 namespace vorlink {
 namespace {
@@ -54,6 +56,56 @@ void addRunFlags(CLI::App &command, RunFlags &flags)
     command.add_flag("--verbose", flags.verbose, "show the library's own log lines on standard error")
         ->disable_flag_override();
     command.add_flag("--no-progress", flags.noProgress, "never draw the progress bar")->disable_flag_override();
+}
+
+void addSelectionOptions(CLI::App &command, SelectionOptions &options)
+{
+    command.add_option("--message", options.messages,
+                       "only this message: an id (0x0100), a MSG_ID_ enumerator, a message name, or a node "
+                       "prefix (Td, Dd, Fp, Ui) for all of its messages; repeatable")
+        ->type_name("X")
+        ->allow_extra_args(false);
+    command.add_option("--from", options.from, "only messages at this time or later: seconds since 1970 as in the "
+                                               "log, or ISO 8601 (2023-11-14T22:13:20.123Z; UTC when no offset)")
+        ->type_name("T");
+    command.add_option("--to", options.to, "only messages at this time or earlier, in the same forms")->type_name("T");
+}
+
+bool resolveSelection(const SelectionOptions &options, Selection &selection, std::string &error)
+{
+    for (const std::string &key : options.messages) {
+        if (!selection.addMessage(key, error)) {
+            error = "--message: " + error;
+            return false;
+        }
+    }
+    qint64 from = std::numeric_limits<qint64>::min();
+    qint64 to = std::numeric_limits<qint64>::max();
+    if (!options.from.empty() && !parseTimeArgument(options.from, from)) {
+        error = "--from: '" + options.from + "' is neither seconds since 1970 nor an ISO 8601 time";
+        return false;
+    }
+    if (!options.to.empty() && !parseTimeArgument(options.to, to)) {
+        error = "--to: '" + options.to + "' is neither seconds since 1970 nor an ISO 8601 time";
+        return false;
+    }
+    if (!selection.setSpan(from, to)) {
+        error = "--from is later than --to";
+        return false;
+    }
+    return true;
+}
+
+ScanView::ScanView(LogScan &scan, const RunFlags &flags)
+    : scan_(scan), progress_(!flags.noProgress, scan.input().totalBytes())
+{
+    showRejects(scan.rejects(), scan.input().name(), progress_);
+    scan.onProgress([this](long long bytes, long long lines) { progress_.show(bytes, lines); });
+}
+
+int ScanView::finish(const CLI::App &command, Writer &out)
+{
+    return finishRun(command, scan_.input(), scan_.rejects(), progress_, out, scan_.strict());
 }
 
 const CLI::Validator &wholeNumber()

@@ -6,17 +6,18 @@
 // Each subcommand lives in its own source file and adds itself to the
 // command line with an add<Name>Command function; main.cpp only wires them.
 
+#include "Io.h"
+
 #include <CLI/CLI.hpp>
 
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace vorlink {
 
-class LineReader;
-class Progress;
-class Rejects;
-class Writer;
+class LogScan;
+class Selection;
 
 constexpr int exitOk = 0;
 constexpr int exitRejected = 1;
@@ -48,6 +49,30 @@ struct RunFlags
     bool noProgress = false;
 };
 void addRunFlags(CLI::App &command, RunFlags &flags);
+
+// --message (repeatable), --from and --to, as given.
+struct SelectionOptions
+{
+    std::vector<std::string> messages;
+    std::string from, to;
+};
+void addSelectionOptions(CLI::App &command, SelectionOptions &options);
+// Reads what the options hold into `selection`; on misuse, false and the reason.
+bool resolveSelection(const SelectionOptions &options, Selection &selection, std::string &error);
+
+// A scan of a log as the terminal shows it: the progress bar, and each
+// rejected line on standard error.
+class ScanView
+{
+public:
+    ScanView(LogScan &scan, const RunFlags &flags);
+    // Closes the run: flushes the output and sums up what was rejected.
+    int finish(const CLI::App &command, Writer &out);
+
+private:
+    LogScan &scan_;
+    Progress progress_;
+};
 
 // The library speaks through Qt's logger. Its lines go to standard error with
 // --verbose and are dropped otherwise; while `target` is set, a record's dump

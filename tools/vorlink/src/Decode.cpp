@@ -28,6 +28,7 @@ struct DecodeOptions
     std::string input = "-";
     Format format = Format::Dump;
     RunFlags flags;
+    SelectionOptions select;
     Selection selection;
 };
 
@@ -120,7 +121,7 @@ void appendDumpLine(const RowInfo &row, const BusLogEntry &entry, std::string &o
 int runDecode(const CLI::App &command, DecodeOptions &options)
 {
     std::string error;
-    if (!options.selection.resolve(error))
+    if (!resolveSelection(options.select, options.selection, error))
         return misuse(command, error);
     const RowInfo *csvRow = nullptr;
     if (options.format == Format::Csv) {
@@ -132,9 +133,10 @@ int runDecode(const CLI::App &command, DecodeOptions &options)
         csvRow = rows.front();
     }
     setVerbose(options.flags.verbose);
-    LogScan scan(options.flags, options.selection);
+    LogScan scan(options.selection, options.flags.strict);
     if (!scan.open(options.input, error))
         return misuse(command, error);
+    ScanView view(scan, options.flags);
 
     Writer out;
     google::protobuf::TextFormat::Printer textPrinter;
@@ -189,7 +191,7 @@ int runDecode(const CLI::App &command, DecodeOptions &options)
         out.append(text);
         out.append('\n');
     }
-    return scan.finish(command, out);
+    return view.finish(command, out);
 }
 
 } // namespace
@@ -207,7 +209,7 @@ Command addDecodeCommand(CLI::App &parent)
     command->add_option("--format", options->format, "dump (default), json, text, binary or csv")
         ->transform(CLI::CheckedTransformer(formats, CLI::ignore_case).description(""))
         ->type_name("FORMAT");
-    options->selection.addOptions(*command);
+    addSelectionOptions(*command, options->select);
     addRunFlags(*command, options->flags);
     command->footer(decodeFooter);
     return {command, [command, options] { return runDecode(*command, *options); }};

@@ -1,7 +1,7 @@
 // vorlink encode: what decode writes (JSON Lines, the binary stream, protobuf
 // text) back into a bus log.
 
-#include "BusLog.h"
+#include "JsonLine.h"
 #include "Command.h"
 #include "Dictionary.h"
 #include "Io.h"
@@ -174,7 +174,8 @@ int runEncode(const CLI::App &command, EncodeOptions &options)
         return misuse(command, error);
     Writer out;
     Progress progress(!options.flags.noProgress, input.totalBytes());
-    Rejects rejects(input.name(), progress);
+    Rejects rejects;
+    showRejects(rejects, input.name(), progress);
     const bool strict = options.flags.strict;
     std::unique_ptr<Message> envelope(
         google::protobuf::MessageFactory::generated_factory()->GetPrototype(&envelopeType())->New());

@@ -1,4 +1,4 @@
-#include "BusLog.h"
+#include "JsonLine.h"
 #include "Dictionary.h"
 #include "JsonCodec.h"
 

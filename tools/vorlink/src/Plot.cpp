@@ -32,6 +32,7 @@ struct PlotOptions
     std::vector<std::string> args;   // [FILE|-] SERIES...
     std::string output;
     RunFlags flags;
+    SelectionOptions select;
     Selection selection;
 };
 
@@ -129,7 +130,7 @@ double valueOf(const Message &message, const FieldDescriptor *field)
 int runPlot(const CLI::App &command, PlotOptions &options)
 {
     std::string error;
-    if (!options.selection.resolve(error))
+    if (!resolveSelection(options.select, options.selection, error))
         return misuse(command, error);
     std::string input = "-";
     auto series = options.args.begin();
@@ -162,9 +163,10 @@ int runPlot(const CLI::App &command, PlotOptions &options)
     options.selection.keepOnly(ids);
 
     setVerbose(options.flags.verbose);
-    LogScan scan(options.flags, options.selection);
+    LogScan scan(options.selection, options.flags.strict);
     if (!scan.open(input, error))
         return misuse(command, error);
+    ScanView view(scan, options.flags);
     std::vector<double> values;
     while (scan.next()) {
         const int c = chartOf[scan.entry().msgId];
@@ -191,7 +193,7 @@ int runPlot(const CLI::App &command, PlotOptions &options)
     {
         Writer out(fd);
         out.append(plotPage(input == "-" ? "standard input" : input, charts));
-        status = scan.finish(command, out);
+        status = view.finish(command, out);
     }
     if (fd != 1 && ::close(fd) != 0 && status == exitOk) {
         std::fprintf(stderr, "vorlink plot: %s: %s\n", options.output.c_str(), std::strerror(errno));
@@ -215,7 +217,7 @@ Command addPlotCommand(CLI::App &parent)
     command->add_option("-o,--output", options->output, "the page to write; '-' for standard output")
         ->type_name("PAGE.html")
         ->required();
-    options->selection.addOptions(*command);
+    addSelectionOptions(*command, options->select);
     addRunFlags(*command, options->flags);
     command->footer(R"(One chart per message type, in the order the series were named, on one time
 axis (UTC): drag to zoom, shift-drag to pan, double-click to zoom out; the

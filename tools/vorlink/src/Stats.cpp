@@ -4,6 +4,7 @@
 #include "Command.h"
 #include "Dictionary.h"
 #include "LogScan.h"
+#include "LogTables.h"
 #include "Selection.h"
 
 #include <QJsonArray>
@@ -22,15 +23,8 @@ struct StatsOptions
     std::string input = "-";
     bool json = false;
     RunFlags flags;
+    SelectionOptions select;
     Selection selection;
-};
-
-struct Seen
-{
-    long long count = 0;
-    qint64 first = 0, last = 0;
-    long long bytes = 0;
-    long long unread = 0;   // messages with payload bytes behind their record
 };
 
 std::string isoTime(qint64 msecs)
@@ -40,17 +34,7 @@ std::string isoTime(qint64 msecs)
     return text;
 }
 
-// Mean rate over the span between the first and the last message; none for
-// fewer than two messages or no span.
-bool rateHz(const Seen &seen, double &rate)
-{
-    if (seen.count < 2 || seen.last <= seen.first)
-        return false;
-    rate = double(seen.count - 1) * 1000.0 / double(seen.last - seen.first);
-    return true;
-}
-
-void writeText(const std::vector<const RowInfo *> &rows, const std::vector<Seen> &seen, const LogScan &scan,
+void writeText(const std::vector<const RowInfo *> &rows, const std::vector<MessageTally> &seen, const LogScan &scan,
                long long types, Writer &out)
 {
     int width = 7;
@@ -61,10 +45,10 @@ void writeText(const std::vector<const RowInfo *> &rows, const std::vector<Seen>
                   "count", "first", "last", "rate Hz", "bytes", "unread");
     out.append(line);
     for (const RowInfo *row : rows) {
-        const Seen &s = seen[row->id];
+        const MessageTally &s = seen[row->id];
         double rate = 0;
         char rateText[32] = "-";
-        if (rateHz(s, rate))
+        if (s.rateHz(rate))
             std::snprintf(rateText, sizeof rateText, "%.3f", rate);
         std::snprintf(line, sizeof line, "0x%04X  %-*s %9lld  %-24s  %-24s  %10s  %11lld  %9lld\n", row->id,
                       width, row->message.c_str(), s.count, isoTime(s.first).c_str(), isoTime(s.last).c_str(), rateText,
@@ -83,12 +67,12 @@ void writeText(const std::vector<const RowInfo *> &rows, const std::vector<Seen>
     }
 }
 
-void writeJson(const std::vector<const RowInfo *> &rows, const std::vector<Seen> &seen, const LogScan &scan,
+void writeJson(const std::vector<const RowInfo *> &rows, const std::vector<MessageTally> &seen, const LogScan &scan,
                Writer &out)
 {
     QJsonArray messages;
     for (const RowInfo *row : rows) {
-        const Seen &s = seen[row->id];
+        const MessageTally &s = seen[row->id];
         QJsonObject item{{"id", row->id},
                          {"idHex", QString::fromStdString(hexId(row->id))},
                          {"message", QString::fromStdString(row->message)},
@@ -98,7 +82,7 @@ void writeJson(const std::vector<const RowInfo *> &rows, const std::vector<Seen>
                          {"payloadBytes", s.bytes},
                          {"withUnreadBytes", s.unread}};
         double rate = 0;
-        item.insert("rateHz", rateHz(s, rate) ? QJsonValue(rate) : QJsonValue());
+        item.insert("rateHz", s.rateHz(rate) ? QJsonValue(rate) : QJsonValue());
         messages.append(item);
     }
     QJsonObject rejected;
@@ -116,22 +100,18 @@ void writeJson(const std::vector<const RowInfo *> &rows, const std::vector<Seen>
 int runStats(const CLI::App &command, StatsOptions &options)
 {
     std::string error;
-    if (!options.selection.resolve(error))
+    if (!resolveSelection(options.select, options.selection, error))
         return misuse(command, error);
     setVerbose(options.flags.verbose);
-    LogScan scan(options.flags, options.selection);
+    LogScan scan(options.selection, options.flags.strict);
     if (!scan.open(options.input, error))
         return misuse(command, error);
+    ScanView view(scan, options.flags);
 
-    std::vector<Seen> seen(65536);
+    std::vector<MessageTally> seen(65536);
     while (scan.next()) {
         const BusLogEntry &entry = scan.entry();
-        Seen &s = seen[entry.msgId];
-        if (s.count++ == 0)
-            s.first = entry.msecs;
-        s.last = entry.msecs;
-        s.bytes += entry.payload.size();
-        s.unread += entry.payload.size() > scan.row().wireSize ? 1 : 0;
+        seen[entry.msgId].add(entry, scan.row().wireSize);
     }
     std::vector<const RowInfo *> rows;
     for (const RowInfo &row : Dictionary::instance().rows())
@@ -143,7 +123,7 @@ int runStats(const CLI::App &command, StatsOptions &options)
         writeJson(rows, seen, scan, out);
     else
         writeText(rows, seen, scan, (long long)rows.size(), out);
-    return scan.finish(command, out);
+    return view.finish(command, out);
 }
 
 } // namespace
@@ -159,7 +139,7 @@ Command addStatsCommand(CLI::App &parent)
     command->add_option("--format", options->json, "text (default) or json")
         ->transform(CLI::CheckedTransformer(formats, CLI::ignore_case).description(""))
         ->type_name("FORMAT");
-    options->selection.addOptions(*command);
+    addSelectionOptions(*command, options->select);
     addRunFlags(*command, options->flags);
     command->footer(R"(One row per message type seen, in id order: id, name, count, the first and
 the last time (UTC), the mean rate in Hz over that span, the payload bytes in

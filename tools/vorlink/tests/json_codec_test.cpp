@@ -1,7 +1,7 @@
 // The JSON writer and the fast JSON reader against protobuf's own JSON
 // utilities, over every row of the dictionary with random values.
 
-#include "BusLog.h"
+#include "JsonLine.h"
 #include "Dictionary.h"
 #include "JsonCodec.h"
 

@@ -1,6 +1,6 @@
 // The tool's readers of a bus-log line and of a time, and its writers of both.
 
-#include "BusLog.h"
+#include "JsonLine.h"
 #include "Dictionary.h"
 
 #include <gtest/gtest.h>

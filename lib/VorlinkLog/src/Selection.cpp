@@ -67,29 +67,17 @@ std::string nearestNames(const std::string &wanted, const std::vector<std::strin
     return text;
 }
 
-void Selection::addOptions(CLI::App &command)
-{
-    command.add_option("--message", messages_,
-                       "only this message: an id (0x0100), a MSG_ID_ enumerator, a message name, or a node "
-                       "prefix (Td, Dd, Fp, Ui) for all of its messages; repeatable")
-        ->type_name("X")
-        ->allow_extra_args(false);
-    command.add_option("--from", fromText_, "only messages at this time or later: seconds since 1970 as in the "
-                                            "log, or ISO 8601 (2023-11-14T22:13:20.123Z; UTC when no offset)")
-        ->type_name("T");
-    command.add_option("--to", toText_, "only messages at this time or earlier, in the same forms")->type_name("T");
-}
-
 bool Selection::addMessage(const std::string &text, std::string &error)
 {
     const Dictionary &dictionary = Dictionary::instance();
     quint16 id = 0;
     if (readHexId(text, true, id)) {
         if (dictionary.find(id) == nullptr) {
-            error = "--message: no message has the id " + hexId(id);
+            error = "no message has the id " + hexId(id);
             return false;
         }
         ids_.set(id);
+        all_ = false;
         return true;
     }
     for (const char *prefix : nodePrefixes) {
@@ -98,42 +86,31 @@ bool Selection::addMessage(const std::string &text, std::string &error)
         for (const RowInfo &row : dictionary.rows())
             if (row.message.size() > 2 && row.message.compare(0, 2, prefix) == 0 && std::isupper(row.message[2]))
                 ids_.set(row.id);
+        all_ = false;
         return true;
     }
     if (const RowInfo *row = dictionary.findByName(text)) {
         ids_.set(row->id);
+        all_ = false;
         return true;
     }
     if (readHexId(text, false, id) && dictionary.find(id) != nullptr) {
         ids_.set(id);
+        all_ = false;
         return true;
     }
     std::vector<std::string> names;
     for (const RowInfo &row : dictionary.rows())
         names.push_back(row.message);
-    error = "--message: no message '" + text + "'; nearest: " + nearestNames(text, names);
+    error = "no message '" + text + "'; nearest: " + nearestNames(text, names);
     return false;
 }
 
-bool Selection::resolve(std::string &error)
+bool Selection::setSpan(qint64 from, qint64 to)
 {
-    for (const std::string &text : messages_)
-        if (!addMessage(text, error))
-            return false;
-    all_ = messages_.empty();
-    if (!fromText_.empty() && !parseTimeArgument(fromText_, from_)) {
-        error = "--from: '" + fromText_ + "' is neither seconds since 1970 nor an ISO 8601 time";
-        return false;
-    }
-    if (!toText_.empty() && !parseTimeArgument(toText_, to_)) {
-        error = "--to: '" + toText_ + "' is neither seconds since 1970 nor an ISO 8601 time";
-        return false;
-    }
-    if (from_ > to_) {
-        error = "--from is later than --to";
-        return false;
-    }
-    return true;
+    from_ = from;
+    to_ = to;
+    return from <= to;
 }
 
 std::vector<const RowInfo *> Selection::rows() const

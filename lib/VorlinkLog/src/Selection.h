@@ -1,11 +1,9 @@
 #pragma once
 
-// Which lines of a log a command looks at: --message (repeatable) and
-// --from/--to. A line left out is neither converted nor counted as rejected.
+// Which lines of a log are looked at: messages by key, and a span of time.
+// A line left out is neither converted nor counted as rejected.
 
 #include "BusLog.h"
-
-#include <CLI/CLI.hpp>
 
 #include <QtGlobal>
 
@@ -21,13 +19,17 @@ struct RowInfo;
 class Selection
 {
 public:
-    void addOptions(CLI::App &command);
-    // Reads what the options hold against the dictionary; on misuse, false
-    // and the reason.
-    bool resolve(std::string &error);
+    // Adds the messages a key names: an id (0x0100), a MSG_ID_ enumerator, a
+    // message name, a schema name, or a node prefix (Td, Dd, Fp, Ui) for all
+    // of that node's messages. A key that names nothing is false, with the
+    // reason and the nearest names.
+    bool addMessage(const std::string &key, std::string &error);
+    // Only messages at or after `from` and at or before `to` (milliseconds
+    // since 1970); false when `from` is later than `to`.
+    bool setSpan(qint64 from, qint64 to);
 
     // Narrows the selection further to these ids, for a command that only
-    // needs some messages; call after resolve().
+    // needs some messages.
     void keepOnly(const std::bitset<65536> &ids)
     {
         ids_ = all_ ? ids : ids_ & ids;
@@ -42,10 +44,6 @@ public:
     std::vector<const RowInfo *> rows() const;
 
 private:
-    bool addMessage(const std::string &text, std::string &error);
-
-    std::vector<std::string> messages_;
-    std::string fromText_, toText_;
     bool all_ = true;
     std::bitset<65536> ids_;
     qint64 from_ = std::numeric_limits<qint64>::min();

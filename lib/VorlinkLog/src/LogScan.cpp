@@ -6,24 +6,20 @@
 
 #include <QDateTime>
 
-#include <cstdio>
-
 namespace vorlink {
 
-bool LogScan::open(const std::string &path, std::string &error)
+bool LogScan::reject(const char *cause, std::string reason)
 {
-    if (!input_.open(path, error))
-        return false;
-    progress_ = std::make_unique<Progress>(!flags_.noProgress, input_.totalBytes());
-    rejects_ = std::make_unique<Rejects>(input_.name(), *progress_);
-    return true;
+    rejects_.report(input_.lineNumber(), cause, std::move(reason));
+    stopped_ = strict_;
+    return !stopped_;
 }
 
-bool LogScan::reject(const char *cause, const std::string &reason)
+void LogScan::rejectShort()
 {
-    rejects_->report(input_.lineNumber(), cause, reason);
-    stopped_ = flags_.strict;
-    return !stopped_;
+    reject("payload too short", "payload of " + std::to_string(entry_.payload.size()) + " bytes is too short for " +
+                                    row_->message + " (" + hexId(entry_.msgId) + "), which needs " +
+                                    std::to_string(row_->wireSize));
 }
 
 bool LogScan::next()
@@ -31,7 +27,8 @@ bool LogScan::next()
     const Dictionary &dictionary = Dictionary::instance();
     std::string_view line;
     while (!stopped_ && input_.next(line)) {
-        progress_->tick(input_.bytesConsumed(), input_.lineNumber());
+        if (progress_ && (input_.lineNumber() & 0x3FF) == 0)
+            progress_(input_.bytesConsumed(), input_.lineNumber());
         const LineResult result = parseBusLogLine(line, entry_);
         if (result.kind == LineResult::Skip)
             continue;
@@ -48,6 +45,14 @@ bool LogScan::next()
             reject("unknown id", "unknown message id " + hexId(entry_.msgId));
             continue;
         }
+        if (!convert_) {
+            if (entry_.payload.size() < row_->wireSize) {
+                rejectShort();
+                continue;
+            }
+            ++messages_;
+            return true;
+        }
         message_.sequence = entry_.sequence;
         message_.msgId = entry_.msgId;
         message_.payload.swap(entry_.payload);
@@ -55,11 +60,8 @@ bool LogScan::next()
             QDateTime::fromMSecsSinceEpoch(entry_.msecs, Qt::UTC), message_, proto_);
         message_.payload.swap(entry_.payload);
         if (!converted) {
-            const int size = entry_.payload.size();
-            if (size < row_->wireSize)
-                reject("payload too short", "payload of " + std::to_string(size) + " bytes is too short for " +
-                                                row_->message + " (" + hexId(entry_.msgId) + "), which needs " +
-                                                std::to_string(row_->wireSize));
+            if (entry_.payload.size() < row_->wireSize)
+                rejectShort();
             else
                 reject("not converted", "the library could not convert " + row_->protoName);
             continue;

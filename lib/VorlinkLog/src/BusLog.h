@@ -1,9 +1,7 @@
 #pragma once
 
-// One line of a bus log, and one line of the JSON Lines that `vorlink decode
-// --format json` writes, each parsed on its own. No I/O and no global state
-// beyond the read-only message table: a caller hands in one line (without its
-// newline) and gets back what it holds.
+// One line of a bus log, parsed on its own. No I/O and no global state: a
+// caller hands in one line (without its newline) and gets back what it holds.
 //
 // Bus-log line:   <time> <sequence> <id> <payload>   [# comment]
 //   time      seconds since 1970-01-01 UTC, up to three decimals (milliseconds)
@@ -19,15 +17,7 @@
 #include <string>
 #include <string_view>
 
-namespace google {
-namespace protobuf {
-class Message;
-} // namespace protobuf
-} // namespace google
-
 namespace vorlink {
-
-struct RowInfo;
 
 // One message of a bus log.
 struct BusLogEntry
@@ -73,17 +63,5 @@ LineResult parseBusLogLine(std::string_view line, BusLogEntry &entry);
 
 // Appends `entry` as one bus-log line, without a newline, to `out`.
 void appendBusLogLine(const BusLogEntry &entry, std::string &out);
-
-// Parses one JSON Lines object as `decode --format json` writes it (protobuf
-// JSON of a schema message with its `header`) into the message's bus-log
-// entry: time, sequence and id from the header, the payload as the record's
-// wire bytes. Blank lines are Skip. Rejects an unknown id, a field the schema
-// message does not have, and anything that is not such an object.
-LineResult parseJsonLine(std::string_view line, BusLogEntry &entry);
-
-// Reads the header of any schema message (a parsed Envelope will do) into
-// `entry`'s time, sequence and id, and finds the row the id names. Rejects a
-// missing header or timestamp, an id of no row, and what a bus log cannot hold.
-LineResult readSchemaHeader(const google::protobuf::Message &message, BusLogEntry &entry, const RowInfo *&row);
 
 } // namespace vorlink

@@ -1,0 +1,106 @@
+#include "LogTables.h"
+#include "Dictionary.h"
+#include "LogScan.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+namespace vorlink {
+
+Column::Column(Column &&other) noexcept
+    : width_(other.width_), data_(other.data_), size_(other.size_), capacity_(other.capacity_)
+{
+    other.data_ = nullptr;
+    other.size_ = other.capacity_ = 0;
+}
+
+Column::~Column() { std::free(data_); }
+
+// realloc moves a large block by remapping its pages, not by copying them.
+void Column::grow()
+{
+    const std::size_t capacity = std::max<std::size_t>(64, capacity_ + capacity_ / 4);
+    void *data = std::realloc(data_, capacity * width_);
+    if (data == nullptr)
+        throw std::bad_alloc();
+    data_ = static_cast<char *>(data);
+    capacity_ = capacity;
+}
+
+void Column::append(const void *value)
+{
+    if (size_ == capacity_)
+        grow();
+    std::memcpy(data_ + size_ * width_, value, width_);
+    ++size_;
+}
+
+LogTable::LogTable(const RowInfo &row) : row(&row)
+{
+    for (const WireField &field : row.fields)
+        if (field.position >= 0)
+            fields.emplace_back(field.width);
+}
+
+void LogTable::add(const BusLogEntry &entry)
+{
+    tally.add(entry, row->wireSize);
+    const qint64 ns = entry.msecs * 1000000;
+    timeNs.append(&ns);
+    sequence.append(&entry.sequence);
+    const char *payload = entry.payload.constData();
+    std::size_t k = 0;
+    for (Column &column : fields)
+        column.append(payload + row->fields[k++].position);
+}
+
+LogTables::LogTables() : index_(65536, -1) {}
+
+void LogTables::read(LogScan &scan)
+{
+    scan.setConvert(false);
+    while (scan.next()) {
+        const BusLogEntry &entry = scan.entry();
+        int &i = index_[entry.msgId];
+        if (i < 0) {
+            i = int(tables_.size());
+            tables_.push_back(std::make_unique<LogTable>(scan.row()));
+        }
+        tables_[std::size_t(i)]->add(entry);
+    }
+}
+
+std::vector<const LogTable *> LogTables::tables() const
+{
+    std::vector<const LogTable *> sorted;
+    for (const auto &table : tables_)
+        sorted.push_back(table.get());
+    std::sort(sorted.begin(), sorted.end(), [](const LogTable *a, const LogTable *b) { return a->row->id < b->row->id; });
+    return sorted;
+}
+
+std::size_t LogTables::valueBytes() const
+{
+    std::size_t bytes = 0;
+    for (const auto &table : tables_) {
+        bytes += table->timeNs.size() * 8 + table->sequence.size() * 2;
+        for (const Column &column : table->fields)
+            bytes += column.size() * column.width();
+    }
+    return bytes;
+}
+
+std::size_t LogTables::heldBytes() const
+{
+    std::size_t bytes = 0;
+    for (const auto &table : tables_) {
+        bytes += table->timeNs.capacityBytes() + table->sequence.capacityBytes();
+        for (const Column &column : table->fields)
+            bytes += column.capacityBytes();
+    }
+    return bytes;
+}
+
+} // namespace vorlink
