@@ -232,3 +232,13 @@ def test_the_stub_matches_the_module_and_types_records():
     stubtest = subprocess.run([sys.executable, "-m", "mypy.stubtest", "vorlink"], capture_output=True, text=True,
                               env=env)
     assert stubtest.returncode == 0, stubtest.stdout[-3000:]
+
+
+def test_readme_example_prints_what_the_readme_shows():
+    root = os.path.join(os.path.dirname(__file__), "..", "..")
+    readme = open(os.path.join(root, "README.md")).read()
+    command = "$ PYTHONPATH=build/python /usr/bin/python3 examples/from_python.py\n"
+    shown = readme.split(command, 1)[1].split("```", 1)[0]
+    run = subprocess.run([sys.executable, os.path.join(root, "examples", "from_python.py")], capture_output=True,
+                         text=True, check=True)
+    assert run.stdout == shown
