@@ -1,6 +1,7 @@
 # Run by CPack between its install into the staging directory and the making
 # of the Debian packages (CPACK_PRE_BUILD_SCRIPTS): gives each package its
-# copyright file and changelog, and takes from the tool the RPATH it carries
+# copyright file and changelog, and takes from the tool and the Python
+# extension the RPATH they carry
 # for `cmake --install` into any prefix. The packaged library lives in a
 # system directory, where the loader finds it without one. The library's
 # symbols file comes from packaging/libvorlinkN.symbols.gz, through
@@ -21,6 +22,8 @@ foreach(_component IN LISTS CPACK_COMPONENTS_ALL)
 endforeach()
 
 file(GLOB _tools ${CPACK_TEMPORARY_DIRECTORY}/tools${CPACK_PACKAGING_INSTALL_PREFIX}/${CPACK_VORLINK_BINDIR}/*)
+file(GLOB_RECURSE _extensions ${CPACK_TEMPORARY_DIRECTORY}/python/*.so)
+list(APPEND _tools ${_extensions})
 foreach(_tool IN LISTS _tools)
     file(RPATH_REMOVE FILE ${_tool})
 endforeach()

@@ -4,6 +4,7 @@
 #   libvorlink-dev  (component development)  headers, the libVorlink.so link,
 #                   libBytra.a, the CMake package, the pkg-config file, the schema
 #   vorlink-tools   (component tools)        the vorlink command
+#   python3-vorlink (component python)       the Python package vorlink
 # `scripts/package` builds them; `cpack -G DEB` in a build tree does the same.
 
 set(CPACK_GENERATOR DEB)
@@ -15,6 +16,9 @@ set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_ALL runtime development tools)
+if(VORLINK_BUILD_PYTHON)
+    list(APPEND CPACK_COMPONENTS_ALL python)
+endif()
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
@@ -30,6 +34,7 @@ set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
 
 set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS runtime)
 set(CPACK_COMPONENT_TOOLS_DEPENDS runtime)
+set(CPACK_COMPONENT_PYTHON_DEPENDS runtime)
 
 set(_vorlink_about "Vorlink is the message dictionary of the dialysis machine's internal CAN
 bus: it turns a received message into a typed record, wire bytes, protobuf
@@ -71,9 +76,24 @@ This package holds the vorlink command: it decodes bus logs to dump lines,
 JSON, protobuf text or binary, encodes them back, lists the dictionary and
 writes synthetic logs.")
 
+set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-vorlink)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+# The extension is built for this interpreter's version; numpy only for MessageType.dtype.
+math(EXPR _python_next "${Python3_VERSION_MINOR} + 1")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS
+    "python3 (>= ${Python3_VERSION_MAJOR}.${Python3_VERSION_MINOR}), python3 (<< ${Python3_VERSION_MAJOR}.${_python_next})")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_RECOMMENDS "python3-numpy")
+set(CPACK_DEBIAN_PYTHON_DESCRIPTION "message dictionary of the dialysis machine's CAN bus - Python 3 module
+${_vorlink_about}
+.
+This package holds the Python module vorlink: the dictionary's message
+types, decode and encode of records, and the protobuf bridge, with type
+stubs.")
+
 # After the install into the staging directory: each package gets its
-# copyright and changelog, and the tool loses the RPATH it carries for
-# `cmake --install` (the packaged library lives in a system directory).
+# copyright and changelog, and the tool and the Python extension lose the
+# RPATH they carry for `cmake --install` (the packaged library lives in a
+# system directory).
 set(CPACK_VORLINK_SOURCE_DIR ${PROJECT_SOURCE_DIR})
 set(CPACK_VORLINK_BINDIR ${CMAKE_INSTALL_BINDIR})
 set(CPACK_VORLINK_LIBRARY ${CMAKE_INSTALL_LIBDIR}/libVorlink.so.${PROJECT_VERSION})

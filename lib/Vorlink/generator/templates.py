@@ -310,3 +310,106 @@ PROTO_ONEOF = T("""  oneof $group {
     float ${group}_float = $n3;
   }
 """)
+
+# --- vorlink/__init__.pyi and vorlink/records.pyi: the Python module's types -----
+
+PY_BANNER = "# Generated from ZelkoMsgRows.txt by vorlink_codegen.py. Do not edit.\n"
+
+PYI_INIT = T(PY_BANNER + '''import datetime
+import logging
+from typing import Any, Literal, Mapping, NamedTuple, Sequence, overload
+
+import numpy
+
+from . import records as records
+from .records import Record as Record
+
+_Buffer = bytes | bytearray | memoryview
+_Key = int | str | MessageType | type[Record]
+_Value = int | float
+
+__version__: str
+logger: logging.Logger
+
+class PayloadTooShort(ValueError): ...
+
+class Field(NamedTuple):
+    name: str
+    wire_type: str
+    offset: int
+    size: int
+    schema_type: str
+
+class MessageType:
+    @property
+    def id(self) -> int: ...
+    @property
+    def name(self) -> str: ...
+    @property
+    def enumerator(self) -> str: ...
+    @property
+    def proto_name(self) -> str: ...
+    @property
+    def payload_size(self) -> int: ...
+    @property
+    def wire_size(self) -> int: ...
+    @property
+    def fields(self) -> tuple[Field, ...]: ...
+    @property
+    def record(self) -> type[Record]: ...
+    @property
+    def dtype(self) -> numpy.dtype[numpy.void]: ...
+
+class Envelope(NamedTuple):
+    time: datetime.datetime | None
+    sequence: int
+    msg_id: int
+
+def messages() -> list[MessageType]: ...
+def message(key: _Key) -> MessageType: ...
+$decode_overloads
+@overload
+def decode(__key: _Key, __payload: _Buffer) -> Record: ...
+def encode(key: _Key, values: Mapping[str, _Value] | Sequence[_Value] | None = None, /, *,
+           fill: _Value | None = None, **fields: _Value) -> bytes: ...
+def to_protobuf(key: _Key, payload: _Buffer, *, time: datetime.datetime | float, sequence: int) -> bytes: ...
+$from_protobuf_overloads
+@overload
+def from_protobuf(key: _Key, data: _Buffer) -> Record: ...
+def read_header(data: _Buffer) -> Envelope: ...
+''')
+
+PYI_DECODE = T('''@overload
+def decode(__key: $keys, __payload: _Buffer) -> records.$message: ...''')
+
+PYI_FROM_PROTOBUF = T('''@overload
+def from_protobuf(key: $keys, data: _Buffer) -> records.$message: ...''')
+
+PYI_KEYS = T('Literal[$id, "$message", "$enumerator", "zelko.messages.$message"]')
+
+PYI_RECORDS = T(PY_BANNER + '''from typing import Any, ClassVar, Iterator, SupportsIndex, TypeVar, overload
+
+import vorlink
+
+_R = TypeVar("_R", bound="Record")
+
+class Record(tuple[Any, ...]):
+    message_type: ClassVar[vorlink.MessageType | None]   # None on Record itself
+    unread: bytes
+    def __new__(cls: type[_R], *values: int | float, **fields: int | float) -> _R: ...
+    def keys(self) -> tuple[str, ...]: ...
+    def items(self) -> Iterator[tuple[str, Any]]: ...
+    @overload
+    def __getitem__(self, key: SupportsIndex, /) -> Any: ...
+    @overload
+    def __getitem__(self, key: slice, /) -> tuple[Any, ...]: ...
+    @overload
+    def __getitem__(self, key: str, /) -> Any: ...
+    def dump(self) -> str: ...
+$classes''')
+
+PYI_CLASS = T('''
+class $message(Record):
+$members''')
+
+PYI_MEMBER = T("    $name: $type$ignore\n")

@@ -4,8 +4,9 @@
     vorlink_codegen.py ROWS OUTDIR
 
 reads ROWS (ZelkoMsgRows.txt) and writes into OUTDIR the record classes, the
-field layouts, the protobuf bridge and dispatch, the row list and the schema
-ZelkoMsgDefs.proto. The output depends on ROWS alone: no dates, no paths.
+field layouts, the protobuf bridge and dispatch, the row list, the wire table,
+the schema ZelkoMsgDefs.proto and the Python module's type stubs (vorlink/).
+The output depends on ROWS alone: no dates, no paths.
 """
 import os
 import re
@@ -204,6 +205,31 @@ def proto(rows):
     return t.PROTO.substitute(messages="".join(messages))
 
 
+PY_TYPE = {"U08": "int", "U16": "int", "U32": "int", "S16": "int", "S32": "int", "F32": "float"}
+# A field that takes the name of one of tuple's methods hides it in its record.
+TUPLE_NAMES = set(dir(tuple))
+
+
+def pyi_keys(r):
+    return t.PYI_KEYS.substitute(id=r.id, message=r.message, enumerator=r.enumerator)
+
+
+def pyi_init(rows):
+    return t.PYI_INIT.substitute(
+        decode_overloads="\n".join(t.PYI_DECODE.substitute(keys=pyi_keys(r), message=r.message) for r in rows),
+        from_protobuf_overloads="\n".join(t.PYI_FROM_PROTOBUF.substitute(keys=pyi_keys(r), message=r.message)
+                                          for r in rows))
+
+
+def pyi_records(rows):
+    return t.PYI_RECORDS.substitute(classes="".join(t.PYI_CLASS.substitute(
+        message=r.message,
+        members="".join(t.PYI_MEMBER.substitute(
+            name=f.name, type=PY_TYPE[f.wire],
+            ignore="  # type: ignore[assignment]" if f.name in TUPLE_NAMES else "") for f in r.fields) or "    pass\n")
+        for r in rows))
+
+
 OUTPUTS = {
     "ZelkoMsgDefs.h": defs_h,
     "ZelkoMsgLayouts.h": layouts_h,
@@ -213,6 +239,8 @@ OUTPUTS = {
     "ZelkoMsgRowList.h": row_list_h,
     "ZelkoMsgWireTable.h": wire_table_h,
     "ZelkoMsgDefs.proto": proto,
+    "vorlink/__init__.pyi": pyi_init,
+    "vorlink/records.pyi": pyi_records,
 }
 
 
@@ -220,10 +248,10 @@ def main(argv):
     if len(argv) != 3:
         raise SystemExit(__doc__)
     rows = parse_rows(argv[1])
-    os.makedirs(argv[2], exist_ok=True)
     for name, emit in OUTPUTS.items():
         text = emit(rows)
         path = os.path.join(argv[2], name)
+        os.makedirs(os.path.dirname(path), exist_ok=True)
         # Leave an unchanged file alone so the build does not redo its dependents.
         if os.path.exists(path):
             with open(path, encoding="utf-8") as f:

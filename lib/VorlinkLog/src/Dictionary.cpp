@@ -74,6 +74,7 @@ void addFields(RowInfo &row, const WireRowEntry &entry)
         field.type = f.wire;
         field.position = f.offset;
         field.width = f.width;
+        field.recordOffset = int(recordOffset(k));
         field.schemaField = row.descriptor->FindFieldByName(f.name);
         row.fields.push_back(std::move(field));
     }
@@ -118,6 +119,7 @@ Dictionary::Dictionary()
         row.message = entry.message;
         row.protoName = zelko::msgIdToProtoName(row.id);
         row.payloadSize = entry.payloadSize;
+        row.record = &recordOps(i);
         row.descriptor = DescriptorPool::generated_pool()->FindMessageTypeByName(row.protoName);
         if (row.descriptor != nullptr) {
             row.prototype = MessageFactory::generated_factory()->GetPrototype(row.descriptor);

@@ -10,6 +10,8 @@
 # any: an instrumented library needs an instrumented host.
 set -euo pipefail
 build=$1 work=$2 host_src=$3 cpack=${5:-}
+python=""   # set when the build has the Python module
+[ -d "$build/python/vorlink" ] && python=/usr/bin/python3
 flags=""
 [ -n "$4" ] && flags="-fsanitize=$4"
 rm -rf "$work"
@@ -45,7 +47,7 @@ else
     "$cpack" --config "$build/CPackConfig.cmake" -B "$work" > "$work/cpack.log" 2>&1 ||
         { cat "$work/cpack.log"; fail "cpack"; }
     debs=()
-    for p in $runtime libvorlink-dev vorlink-tools; do
+    for p in $runtime libvorlink-dev vorlink-tools ${python:+python3-vorlink}; do
         deb=$(echo "$work/${p}_${version}_"*.deb)
         [ -f "$deb" ] || fail "no $p package of version $version"
         debs+=("$deb")
@@ -61,6 +63,13 @@ else
         dpkg-deb -f "$deb" Depends | grep -qF "$runtime (= $version)" || fail "$deb does not depend on $runtime"
     done
     dpkg-deb -f "${debs[2]}" Depends | grep -q 'libqt5core5a' || fail "no dependencies worked out for vorlink"
+    if [ -n "$python" ]; then
+        files "${debs[3]}" | tr ' ' '\n' | grep -qx 'usr/lib/python3/dist-packages/vorlink/_vorlink.cpython-.*\.so' ||
+            fail "python3-vorlink holds $(files "${debs[3]}")"
+        dpkg-deb -f "${debs[3]}" Depends | grep -q 'python3 (>= 3' || fail "python3-vorlink does not depend on python3"
+        objdump -p "$work/root/usr/lib/python3/dist-packages/vorlink/"_vorlink*.so | grep -q 'R.*PATH' &&
+            fail "the packaged Python extension keeps an RPATH"
+    fi
     prefix=$work/root/usr libdir=$work/root/usr/lib
     objdump -p "$prefix/bin/vorlink" | grep -q 'R.*PATH' && fail "the packaged vorlink keeps an RPATH"
     tool_env=(env LD_LIBRARY_PATH="$libdir")
@@ -95,4 +104,17 @@ proto=${expected%% *}
 tool=$(echo "1700000000.123 7 0x0100 02000000010000003c0000000500" |
     "${tool_env[@]}" "$prefix/bin/vorlink" decode --format binary | od -An -tx1 -v | tr -d ' \n')
 [ "$tool" = "$(printf '%02x' $((${#proto} / 2)))$proto" ] || fail "$prefix/bin/vorlink wrote $tool"
-echo "library, headers, schema, CMake package, pkg-config and tool all work${cpack:+, from the Debian packages}"
+# The Python package, from where the install put it, without the build tree.
+if [ -n "$python" ]; then
+    init=$(find "$prefix" -path '*/dist-packages/vorlink/__init__.py' | head -1)
+    [ -n "$init" ] || fail "no Python package vorlink installed"
+    for f in __init__.pyi records.pyi py.typed records.py; do
+        [ -e "$(dirname "$init")/$f" ] || fail "the Python package lacks $f"
+    done
+    got=$(cd "$work" && PYTHONPATH=$(dirname "$(dirname "$init")") "${tool_env[@]}" "$python" -c "
+import vorlink
+assert vorlink.__file__.startswith('$work'), vorlink.__file__
+print(vorlink.to_protobuf(0x0100, bytes.fromhex('02000000010000003c0000000500'), time=1700000000.123, sequence=7).hex())")
+    [ "$got" = "$proto" ] || fail "the installed Python module wrote '$got'"
+fi
+echo "library, headers, schema, CMake package, pkg-config, tool${python:+ and Python module} all work${cpack:+, from the Debian packages}"
