@@ -3,7 +3,7 @@
 
 #include "Module.h"
 
-#include "RecordOps.h"
+#include "Dictionary.h"
 
 #include "ZelkoMsgDefs.h"
 #include "ZelkoMsgProtoUtils.h"
@@ -57,7 +57,10 @@ py::list table()
         py::list fields;
         for (std::size_t k = row.firstField; k < std::size_t(row.firstField) + row.fieldCount; ++k) {
             const WireFieldEntry &f = wireFields[k];
-            fields.append(py::make_tuple(f.name, wireTypeName(f.wire), int(f.offset), int(f.width),
+            // Interned, as the record's names are: keywords built from these
+            // names are found by identity.
+            fields.append(py::make_tuple(py::reinterpret_steal<py::object>(PyUnicode_InternFromString(f.name)),
+                                         wireTypeName(f.wire), int(f.offset), int(f.width),
                                          schemaTypeName(f.schema)));
         }
         const zelko::MsgId id = zelko::MsgId(row.id);
@@ -91,8 +94,13 @@ py::dict registerRows(py::list classes, py::object resolve, py::object nearest, 
         }
         keys[cls] = index;
         py::dict fields;
-        for (std::size_t k = 0; k < row.fieldCount; ++k)
-            fields[py::str(wireFields[row.firstField + k].name)] = py::int_(k);
+        py::tuple names(row.fieldCount);
+        for (std::size_t k = 0; k < row.fieldCount; ++k) {
+            py::object name = py::reinterpret_steal<py::object>(PyUnicode_InternFromString(wireFields[row.firstField + k].name));
+            fields[name] = py::int_(k);
+            names[k] = name;
+        }
+        r.fieldNames.push_back(names.release().ptr());
         r.recordClasses.push_back(cls.release().ptr());
         r.fieldIndex.push_back(fields.release().ptr());
     }
@@ -101,6 +109,7 @@ py::dict registerRows(py::list classes, py::object resolve, py::object nearest, 
     r.nearest = nearest.release().ptr();
     r.payloadTooShort = payloadTooShort.release().ptr();
     r.unreadName = PyUnicode_InternFromString("unread");
+    r.fillName = PyUnicode_InternFromString("fill");
     r.ready = true;
     return keys;
 }

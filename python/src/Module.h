@@ -23,6 +23,7 @@ struct Registry
     // vorlink.records) and a dict from each field's name to its index.
     std::vector<PyObject *> recordClasses;
     std::vector<PyObject *> fieldIndex;
+    std::vector<PyObject *> fieldNames;   // tuple of the interned names, in wire order
     // Keys already met (exact names, classes, message types) to row indexes.
     PyObject *keys = nullptr;
     // vorlink._resolve(key): the row index of any other key, or it raises.
@@ -31,6 +32,7 @@ struct Registry
     PyObject *nearest = nullptr;
     PyObject *payloadTooShort = nullptr;
     PyObject *unreadName = nullptr;   // "unread"
+    PyObject *fillName = nullptr;     // "fill"
     bool ready = false;
 };
 

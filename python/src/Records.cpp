@@ -4,7 +4,7 @@
 
 #include "Module.h"
 
-#include "RecordOps.h"
+#include "Dictionary.h"
 
 #include "ZelkoMsgDefs.pb.h"
 #include "ZelkoMsgProtoUtils.h"
@@ -76,11 +76,18 @@ private:
     bool ok_ = false;
 };
 
+// The shared dictionary's row: its record's operations and where its fields sit.
+const RowInfo &rowInfo(int row)
+{
+    static const std::vector<RowInfo> &rows = Dictionary::instance().rows();
+    return rows[std::size_t(row)];
+}
+
 const WireFieldEntry &fieldOf(int row, std::size_t k) { return wireFields[wireRows[row].firstField + k]; }
 
 unsigned char *placeOf(int row, std::size_t k, void *storage)
 {
-    return static_cast<unsigned char *>(storage) + recordOffset(wireRows[row].firstField + k);
+    return static_cast<unsigned char *>(storage) + rowInfo(row).fields[k].recordOffset;
 }
 
 PyObject *valueOf(WireType type, const unsigned char *at)
@@ -108,8 +115,9 @@ PyObject *makeRecord(int row, const void *storage, const char *unread, Py_ssize_
     if (record == nullptr)
         return nullptr;
     const unsigned char *base = static_cast<const unsigned char *>(storage);
+    const std::vector<WireField> &fields = rowInfo(row).fields;
     for (std::size_t k = 0; k < count; ++k) {
-        PyObject *value = valueOf(fieldOf(row, k).wire, base + recordOffset(wireRows[row].firstField + k));
+        PyObject *value = valueOf(fields[k].type, base + fields[k].recordOffset);
         if (value == nullptr) {
             Py_DECREF(record);
             return nullptr;
@@ -220,6 +228,11 @@ int putInteger(int row, const WireFieldEntry &f, PyObject *value, unsigned char 
         if (f.schema != SchemaType::Bool)
             return refuse(row, f, value, "is a bool, and this field is a number");
         n = value == Py_True ? 1 : 0;
+    } else if (PyLong_CheckExact(value)) {
+        int overflow = 0;
+        n = PyLong_AsLongLongAndOverflow(value, &overflow);
+        if (overflow != 0)
+            return refuse(row, f, value, "is outside the range");
     } else if (PyLong_Check(value) || (!PyFloat_Check(value) && PyIndex_Check(value))) {
         PyObject *index = PyNumber_Index(value);
         if (index == nullptr)
@@ -303,6 +316,25 @@ public:
     Values(const Values &) = delete;
     Values &operator=(const Values &) = delete;
 
+    // A keyword is mostly the interned name of its field, in wire order:
+    // found by identity, at its place or in the names; else by the dict.
+    int setKeyword(Py_ssize_t position, PyObject *name, PyObject *value)
+    {
+        PyObject *names = registry().fieldNames[std::size_t(row_)];
+        if (std::size_t(position) < count_ && PyTuple_GET_ITEM(names, position) == name &&
+            slots_[position] == nullptr) {
+            slots_[position] = value;
+            return 0;
+        }
+        for (std::size_t k = 0; k < count_; ++k) {
+            if (PyTuple_GET_ITEM(names, Py_ssize_t(k)) == name && slots_[k] == nullptr) {
+                slots_[k] = value;
+                return 0;
+            }
+        }
+        return set(name, value);
+    }
+
     int set(PyObject *name, PyObject *value)
     {
         if (!PyUnicode_Check(name)) {
@@ -374,16 +406,19 @@ public:
     // Every field given, each in range: the record, else -1 with the reason.
     int write(void *storage)
     {
-        std::string missing;
+        std::size_t given = 0;
         for (std::size_t k = 0; k < count_; ++k)
-            if (slots_[k] == nullptr)
-                missing += (missing.empty() ? "" : ", ") + std::string(fieldOf(row_, k).name);
-        if (!missing.empty()) {
+            given += slots_[k] != nullptr;
+        if (given < count_) {
+            std::string missing;
+            for (std::size_t k = 0; k < count_; ++k)
+                if (slots_[k] == nullptr)
+                    missing += (missing.empty() ? "" : ", ") + std::string(fieldOf(row_, k).name);
             PyErr_Format(PyExc_ValueError, "%s: no value for %s (give every field, or fill=0 for those left out)",
                          wireRows[row_].message, missing.c_str());
             return -1;
         }
-        recordOps(std::size_t(row_)).make(storage);
+        rowInfo(row_).record->make(storage);
         for (std::size_t k = 0; k < count_; ++k)
             if (putField(row_, k, slots_[k], storage) < 0)
                 return -1;
@@ -428,7 +463,7 @@ PyObject *decode(PyObject *, PyObject *const *args, Py_ssize_t nargs)
         return nullptr;
     RecordStorage storage;
     CaptureLine warning;
-    if (!recordOps(std::size_t(row)).fromWire(payload.raw(), &storage)) {
+    if (!rowInfo(row).record->fromWire(payload.raw(), &storage)) {
         const WireRowEntry &e = wireRows[row];
         if (warning.caught())
             PyErr_SetString(registry().payloadTooShort, warning.line().toUtf8().constData());
@@ -457,12 +492,12 @@ PyObject *encode(PyObject *, PyObject *const *args, Py_ssize_t nargs, PyObject *
     const Py_ssize_t keywords = kwnames != nullptr ? PyTuple_GET_SIZE(kwnames) : 0;
     for (Py_ssize_t i = 0; i < keywords; ++i) {
         PyObject *name = PyTuple_GET_ITEM(kwnames, i);
-        if (PyUnicode_CompareWithASCIIString(name, "fill") == 0 &&
+        if (PyUnicode_Compare(name, registry().fillName) == 0 &&
             !PyDict_Contains(registry().fieldIndex[std::size_t(row)], name)) {
             fill = args[nargs + i];
             continue;
         }
-        if (values.set(name, args[nargs + i]) < 0)
+        if (values.setKeyword(i, name, args[nargs + i]) < 0)
             return nullptr;
     }
     if (fill != nullptr)
@@ -471,7 +506,7 @@ PyObject *encode(PyObject *, PyObject *const *args, Py_ssize_t nargs, PyObject *
     if (values.write(&storage) < 0)
         return nullptr;
     QByteArray &out = scratch();
-    recordOps(std::size_t(row)).toWire(&storage, out);
+    rowInfo(row).record->toWire(&storage, out);
     return PyBytes_FromStringAndSize(out.constData(), out.size());
 }
 
@@ -494,7 +529,7 @@ PyObject *dump(PyObject *, PyObject *record)
     if (row < 0)
         return nullptr;
     CaptureLine line;
-    recordOps(std::size_t(row)).dump(&storage);
+    rowInfo(row).record->dump(&storage);
     const QByteArray utf8 = line.line().toUtf8();
     return PyUnicode_FromStringAndSize(utf8.constData(), utf8.size());
 }
@@ -512,7 +547,7 @@ PyObject *fromProtobuf(PyObject *, PyObject *const *args, Py_ssize_t nargs)
     if (!data.ok())
         return nullptr;
     RecordStorage storage;
-    if (!recordOps(std::size_t(row)).fromProto(data.raw(), &storage)) {
+    if (!rowInfo(row).record->fromProto(data.raw(), &storage)) {
         PyErr_Format(PyExc_ValueError, "%d bytes do not parse as zelko.messages.%s", data.size(), wireRows[row].message);
         return nullptr;
     }

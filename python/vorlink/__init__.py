@@ -45,12 +45,6 @@ class MessageType:
     __slots__ = ("_id", "_name", "_enumerator", "_proto_name", "_payload_size", "_wire_size", "_fields",
                  "_record", "_dtype")
 
-    def __init__(self, id, enumerator, name, proto_name, payload_size, wire_size, fields):
-        self._id, self._enumerator, self._name, self._proto_name = id, enumerator, name, proto_name
-        self._payload_size, self._wire_size = payload_size, wire_size
-        self._fields = tuple(Field(*f) for f in fields)
-        self._record = None
-        self._dtype = None
 
     id = property(lambda self: self._id, doc="The message id, 0 to 0xFFFF.")
     name = property(lambda self: self._name, doc="The message name, e.g. AlarmStatusData.")
@@ -87,7 +81,16 @@ class Envelope(_NamedTuple):
     msg_id: int
 
 
-_types = [MessageType(*row) for row in _vorlink._table()]
+def _message_type(id, enumerator, name, proto_name, payload_size, wire_size, fields):
+    t = object.__new__(MessageType)
+    t._id, t._enumerator, t._name, t._proto_name = id, enumerator, name, proto_name
+    t._payload_size, t._wire_size = payload_size, wire_size
+    t._fields = tuple(Field(*f) for f in fields)
+    t._record = t._dtype = None
+    return t
+
+
+_types = [_message_type(*row) for row in _vorlink._table()]
 _names = {}
 for _t in _types:
     _t._record = records._make(_t)

@@ -66,7 +66,8 @@ class Record(tuple):
         raise AttributeError(f"{type(self).__name__} is a record: its fields cannot be set "
                              f"(make a new one, or encode with changed values)")
 
-    __delattr__ = __setattr__
+    def __delattr__(self, name):
+        self.__setattr__(name, None)
 
     def __repr__(self):
         body = ", ".join(f"{n}={v!r}" for n, v in zip(self._fields, self))
@@ -75,12 +76,6 @@ class Record(tuple):
 
     def __reduce__(self):
         return _rebuild, (type(self), tuple(self), self.unread)
-
-    def __copy__(self):
-        return self
-
-    def __deepcopy__(self, memo):
-        return self
 
     def dump(self):
         """The library's dump line of this record (its ``dump()``)."""

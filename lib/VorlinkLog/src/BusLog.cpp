@@ -82,8 +82,9 @@ bool parseBusLogTime(std::string_view text, qint64 &msecs)
             return false;
         ++i;
         const std::size_t decimals = text.size() - i;
-        if (decimals < 1 || decimals > 3)
+        if (decimals < 1 || decimals > 9)
             return false;
+        // Digits past the third are read and dropped: a time holds milliseconds.
         for (int scale = 100; i < text.size(); ++i, scale /= 10) {
             if (!isDigit(text[i]))
                 return false;
@@ -135,7 +136,7 @@ LineResult parseBusLogLine(std::string_view line, BusLogEntry &entry)
         return {};
 
     if (!parseBusLogTime(time, entry.msecs))
-        return LineResult::failed("bad time", "time " + quoted(time) + " is not seconds since 1970 (0 to 253402300799.999, up to 3 decimals)");
+        return LineResult::failed("bad time", "time " + quoted(time) + " is not seconds since 1970 (0 to 253402300799.999, up to 9 decimals)");
 
     const std::string_view sequence = nextField(rest);
     if (sequence.empty())

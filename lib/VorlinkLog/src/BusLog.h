@@ -4,7 +4,7 @@
 // caller hands in one line (without its newline) and gets back what it holds.
 //
 // Bus-log line:   <time> <sequence> <id> <payload>   [# comment]
-//   time      seconds since 1970-01-01 UTC, up to three decimals (milliseconds)
+//   time      seconds since 1970-01-01 UTC, up to nine decimals, kept to the millisecond
 //   sequence  decimal, 0 to 65535
 //   id        hexadecimal, 1 to 4 digits, "0x" optional
 //   payload   hexadecimal, two digits per byte; "-" (or nothing) for no bytes
@@ -44,7 +44,8 @@ struct LineResult
 // protobuf Timestamp holds.
 constexpr qint64 maxBusLogMsecs = 253402300799999LL;
 
-// Reads a bus-log time: seconds since 1970 with at most three decimals.
+// Reads a bus-log time: seconds since 1970 with at most nine decimals, of
+// which the fourth and later are dropped.
 bool parseBusLogTime(std::string_view text, qint64 &msecs);
 
 // An id as the tool shows it: 0x0100.

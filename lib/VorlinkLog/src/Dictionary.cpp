@@ -4,6 +4,7 @@
 #include "ZelkoMsgProtoUtils.h"
 #include "ZelkoMsgRowList.h"
 #include "ZelkoMsgWireTable.h"
+#include "WireRange.h"
 
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/message.h>
@@ -60,12 +61,6 @@ std::vector<RowInfo> makeRows(std::tuple<Rows...> *)
     return {makeRow<Rows>()...};
 }
 
-const char *wireTypeName(WireType type)
-{
-    static const char *const names[] = {"U08", "U16", "U32", "S16", "S32", "F32"};
-    return names[int(type)];
-}
-
 // The record's wire fields from the generated table, then the schema fields
 // that the record does not carry (the oneof members of the union messages).
 void addFields(RowInfo &row, const WireRowEntry &entry)
@@ -79,6 +74,7 @@ void addFields(RowInfo &row, const WireRowEntry &entry)
         field.type = f.wire;
         field.position = f.offset;
         field.width = f.width;
+        field.recordOffset = int(recordOffset(k));
         field.schemaField = row.descriptor->FindFieldByName(f.name);
         row.fields.push_back(std::move(field));
     }
@@ -123,6 +119,7 @@ Dictionary::Dictionary()
         row.message = entry.message;
         row.protoName = zelko::msgIdToProtoName(row.id);
         row.payloadSize = entry.payloadSize;
+        row.record = &recordOps(i);
         row.descriptor = DescriptorPool::generated_pool()->FindMessageTypeByName(row.protoName);
         if (row.descriptor != nullptr) {
             row.prototype = MessageFactory::generated_factory()->GetPrototype(row.descriptor);
@@ -135,7 +132,8 @@ const RowInfo *Dictionary::findByName(const std::string &name) const
 {
     const std::string wanted = lower(name);
     for (const RowInfo &row : rows_)
-        if (wanted == lower(row.enumerator) || wanted == lower(row.message) || wanted == lower(row.protoName))
+        if (wanted == lower(row.enumerator) || wanted == lower(row.message) || wanted == lower(row.protoName) ||
+            wanted == lower(row.message + "Payload"))
             return &row;
     return nullptr;
 }

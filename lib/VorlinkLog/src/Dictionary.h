@@ -4,6 +4,7 @@
 // its names, its schema message type from protobuf's generated pool, and the
 // few typed operations the tool needs, reached by id.
 
+#include "RecordOps.h"
 #include "ZelkoMsgWireTable.h"
 
 #include <QByteArray>
@@ -32,6 +33,7 @@ struct WireField
     std::string wireType;       // "U08" ... "F32"; empty for a schema-only field
     int position = -1;          // byte offset on the wire; -1 for a schema-only field
     int width = 0;
+    int recordOffset = -1;      // byte offset inside the record (RecordOps' storage); -1 for a schema-only field
     WireType type = WireType::U32;   // meaningful where wireType is set
     const google::protobuf::FieldDescriptor *schemaField = nullptr;
 };
@@ -51,6 +53,8 @@ struct RowInfo
     // Typed operations of the row's record.
     bool (*dumpPayload)(const QByteArray &payload) = nullptr;                 // fromQByteArray + dump
     bool (*protoToWire)(const QByteArray &protoBytes, QByteArray &wire) = nullptr;  // deserializeProto + toQByteArray
+    // The record's own operations on a record held in plain storage.
+    const RecordOps *record = nullptr;
 };
 
 class Dictionary
@@ -66,7 +70,8 @@ public:
     }
     const std::vector<RowInfo> &rows() const { return rows_; }
 
-    // By enumerator, message name or full schema name, case-insensitive.
+    // By enumerator, message name, full schema name or record class name
+    // (<Message>Payload), case-insensitive.
     const RowInfo *findByName(const std::string &name) const;
 
 private:

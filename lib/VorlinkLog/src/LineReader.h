@@ -2,7 +2,13 @@
 
 // Lines of a bus log, read through one large buffer from a file, standard
 // input or a caller's read function, and the count of what was rejected.
+//
+// A live source (a pipe, a terminal, a file followed as it grows) is read the
+// same way, with three hooks for a caller that shows what it reads as it
+// comes: a call whenever the reader is about to wait for more, a flag that
+// ends the input (set by a signal handler), and notes about a followed file.
 
+#include <csignal>
 #include <functional>
 #include <map>
 #include <string>
@@ -18,10 +24,32 @@ public:
     using ReadFunction = std::function<long(char *data, std::size_t size)>;
 
     ~LineReader();
-    // A file, or standard input for "-".
-    bool open(const std::string &path, std::string &error);
+    // A file, or standard input for "-". With `follow`, a regular file is
+    // read on as lines are appended to it, as `tail -F` does: at its end the
+    // reader waits for more; a partial last line waits for its newline; a
+    // file truncated or replaced under the same name (log rotation) is read
+    // again from its start, the line numbers and byte counts starting again.
+    bool open(const std::string &path, std::string &error, bool follow = false);
     // Any other source, such as a Python file object; `name` is how reports call it.
     void open(ReadFunction read, std::string name);
+
+    // Called when the next read of a file descriptor would wait (a pipe or a
+    // terminal with nothing to read at once, a followed file at its end),
+    // every 100 ms while it waits, and at least every 100 ms while such a
+    // source keeps the reader busy: the moment to write out pending output or
+    // to redraw. Returning false ends the input there. Never called for a
+    // regular file that is not followed, or for a read function.
+    using Idle = std::function<bool()>;
+    void onIdle(Idle idle) { idle_ = std::move(idle); }
+    // The input ends at the next read once `*flag` is nonzero; a wait is cut
+    // short. A partial last line is then dropped, the lines before it were
+    // all given out.
+    void stopOn(const volatile std::sig_atomic_t *flag) { stop_ = flag; }
+    // What happened to a followed file: "truncated; reading it again from its start".
+    void onNotice(std::function<void(const std::string &)> notice) { notice_ = std::move(notice); }
+    // True when the input ended by the flag or the idle call, not at its end.
+    bool stopped() const { return stopped_; }
+    bool following() const { return follow_; }
 
     // The next line without its newline; false at the end of the input.
     bool next(std::string_view &line);
@@ -41,11 +69,27 @@ public:
 
 private:
     bool fill();
+    bool waitForInput();
+    bool waitForGrowth();
+    bool idle();
+    bool halt();
+    void startAgain(const char *why);
     void skipByteOrderMark(std::string_view &line);
     int fd_ = -1;
     bool ownFd_ = false;
     ReadFunction read_;
     bool eof_ = false;
+    bool live_ = false;      // a pipe, a terminal or a followed file
+    bool follow_ = false;
+    bool stopped_ = false;
+    Idle idle_;
+    const volatile std::sig_atomic_t *stop_ = nullptr;
+    std::function<void(const std::string &)> notice_;
+    long long lastIdle_ = 0;         // steady clock, ms
+    long long fileOffset_ = 0;       // bytes read from the followed file
+    unsigned long long inode_ = 0, device_ = 0;
+    std::size_t restart_ = std::size_t(-1);   // where a followed file starts again in the buffer
+    std::string path_;
     int readError_ = 0;
     std::vector<char> buffer_;
     std::size_t begin_ = 0, end_ = 0;

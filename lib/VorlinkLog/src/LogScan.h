@@ -28,8 +28,11 @@ class LogScan
 public:
     LogScan(const Selection &selection, bool strict) : selection_(selection), strict_(strict) {}
 
-    // FILE, or standard input for "-".
-    bool open(const std::string &path, std::string &error) { return input_.open(path, error); }
+    // FILE, or standard input for "-"; a FILE followed as it grows with `follow`.
+    bool open(const std::string &path, std::string &error, bool follow = false)
+    {
+        return input_.open(path, error, follow);
+    }
     // Any other source of bytes.
     void open(LineReader::ReadFunction read, std::string name) { input_.open(std::move(read), std::move(name)); }
 
@@ -50,6 +53,7 @@ public:
     const QByteArray &proto() const { return proto_; }   // the schema message's bytes
     long long lineNumber() const { return input_.lineNumber(); }
     const LineReader &input() const { return input_; }
+    LineReader &input() { return input_; }
 
     long long messages() const { return messages_; }
     long long leftOut() const { return leftOut_; }

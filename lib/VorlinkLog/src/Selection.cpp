@@ -67,36 +67,43 @@ std::string nearestNames(const std::string &wanted, const std::vector<std::strin
     return text;
 }
 
-bool Selection::addMessage(const std::string &text, std::string &error)
+bool resolveMessageKey(const std::string &text, std::vector<const RowInfo *> &rows, std::string &error)
 {
     const Dictionary &dictionary = Dictionary::instance();
-    quint16 id = 0;
-    if (readHexId(text, true, id)) {
-        if (dictionary.find(id) == nullptr) {
-            error = "no message has the id " + hexId(id);
+    rows.clear();
+    const auto byId = [&](unsigned id, const std::string &shown) {
+        const RowInfo *row = id <= 0xFFFF ? dictionary.find(quint16(id)) : nullptr;
+        if (row == nullptr) {
+            error = "no message has the id " + shown;
             return false;
         }
-        ids_.set(id);
-        all_ = false;
+        rows.push_back(row);
         return true;
+    };
+    quint16 id = 0;
+    if (readHexId(text, true, id))
+        return byId(id, hexId(id));
+    if (!text.empty() && text.size() <= 5 && text.find_first_not_of("0123456789") == std::string::npos) {
+        const unsigned decimal = unsigned(std::stoul(text));
+        return byId(decimal, text + (decimal <= 0xFFFF ? " (" + hexId(decimal) + ")" : std::string()));
     }
     for (const char *prefix : nodePrefixes) {
         if (lower(text) != lower(prefix))
             continue;
+        // The node's word ends where a lower-case letter does not follow:
+        // TdEvent and Td3WayValveSetStateRequest, not a Tdx... of another word.
         for (const RowInfo &row : dictionary.rows())
-            if (row.message.size() > 2 && row.message.compare(0, 2, prefix) == 0 && std::isupper(row.message[2]))
-                ids_.set(row.id);
-        all_ = false;
+            if (row.message.size() > 2 && row.message.compare(0, 2, prefix) == 0 &&
+                !std::islower(static_cast<unsigned char>(row.message[2])))
+                rows.push_back(&row);
         return true;
     }
     if (const RowInfo *row = dictionary.findByName(text)) {
-        ids_.set(row->id);
-        all_ = false;
+        rows.push_back(row);
         return true;
     }
     if (readHexId(text, false, id) && dictionary.find(id) != nullptr) {
-        ids_.set(id);
-        all_ = false;
+        rows.push_back(dictionary.find(id));
         return true;
     }
     std::vector<std::string> names;
@@ -104,6 +111,17 @@ bool Selection::addMessage(const std::string &text, std::string &error)
         names.push_back(row.message);
     error = "no message '" + text + "'; nearest: " + nearestNames(text, names);
     return false;
+}
+
+bool Selection::addMessage(const std::string &text, std::string &error)
+{
+    std::vector<const RowInfo *> rows;
+    if (!resolveMessageKey(text, rows, error))
+        return false;
+    for (const RowInfo *row : rows)
+        ids_.set(row->id);
+    all_ = false;
+    return true;
 }
 
 bool Selection::setSpan(qint64 from, qint64 to)

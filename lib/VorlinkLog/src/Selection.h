@@ -19,10 +19,7 @@ struct RowInfo;
 class Selection
 {
 public:
-    // Adds the messages a key names: an id (0x0100), a MSG_ID_ enumerator, a
-    // message name, a schema name, or a node prefix (Td, Dd, Fp, Ui) for all
-    // of that node's messages. A key that names nothing is false, with the
-    // reason and the nearest names.
+    // Adds the messages a key names (see resolveMessageKey).
     bool addMessage(const std::string &key, std::string &error);
     // Only messages at or after `from` and at or before `to` (milliseconds
     // since 1970); false when `from` is later than `to`.
@@ -49,6 +46,16 @@ private:
     qint64 from_ = std::numeric_limits<qint64>::min();
     qint64 to_ = std::numeric_limits<qint64>::max();
 };
+
+// The messages a key names, in id order: an id in hexadecimal (0x2600, or
+// 2a00 with a letter in it) or decimal (9728); a MSG_ID_ enumerator, a
+// message name, a schema name (zelko.messages.<Message>) or a record class
+// name (<Message>Payload), any case; or a node prefix (Td, Dd, Fp, Ui) for
+// every message whose name starts with that node's word, digits after it
+// included (Td3WayValveSetStateRequest). A key that names nothing is false,
+// with the reason and the three nearest names. The one reading of a message
+// key for every command and for the Python module.
+bool resolveMessageKey(const std::string &key, std::vector<const RowInfo *> &rows, std::string &error);
 
 // Up to `count` of `candidates` that are nearest to `wanted` (case-insensitive
 // edit distance), for "did you mean" in a misuse message.

@@ -60,9 +60,10 @@ void addRunFlags(CLI::App &command, RunFlags &flags)
 
 void addSelectionOptions(CLI::App &command, SelectionOptions &options)
 {
-    command.add_option("--message", options.messages,
-                       "only this message: an id (0x0100), a MSG_ID_ enumerator, a message name, or a node "
-                       "prefix (Td, Dd, Fp, Ui) for all of its messages; repeatable")
+    command.add_option("-m,--message", options.messages,
+                       "only this message: an id (0x2600 or 9728), a message name (DdTemperatureData, "
+                       "DdTemperatureDataPayload, MSG_ID_DD_TEMPERATURE_DATA, any case), or a node prefix (Td, Dd, "
+                       "Fp, Ui) for all of its messages; repeatable")
         ->type_name("X")
         ->allow_extra_args(false);
     command.add_option("--from", options.from, "only messages at this time or later: seconds since 1970 as in the "
@@ -96,16 +97,95 @@ bool resolveSelection(const SelectionOptions &options, Selection &selection, std
     return true;
 }
 
-ScanView::ScanView(LogScan &scan, const RunFlags &flags)
+void addFollowFlag(CLI::App &command, bool &follow)
+{
+    command.add_flag("-f,--follow", follow, "read FILE on as lines are appended to it, as 'tail -F' does, "
+                                            "again from its start when it is truncated or replaced")
+        ->disable_flag_override();
+}
+
+bool openInput(LineReader &input, const std::string &path, bool follow, std::string &error)
+{
+    if (follow && path == "-") {
+        error = "--follow reads a FILE by name; standard input is read as it comes anyway";
+        return false;
+    }
+    return input.open(path, error, follow);
+}
+
+namespace {
+
+volatile std::sig_atomic_t stopSignalNumber = 0;
+
+extern "C" void onStopSignal(int signal) { stopSignalNumber = signal; }
+
+} // namespace
+
+void catchStopSignals()
+{
+    struct sigaction action = {};
+    action.sa_handler = onStopSignal;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = 0;   // no SA_RESTART: a wait for input ends at once
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP})
+        sigaction(signal, &action, nullptr);
+}
+
+const volatile std::sig_atomic_t &stopSignal() { return stopSignalNumber; }
+
+void watchInput(LineReader &input, Rejects &rejects, Writer *out, Progress &progress)
+{
+    catchStopSignals();
+    showRejects(rejects, input.name(), progress, out);
+    input.stopOn(&stopSignalNumber);
+    // Written out before the reader waits; a reader of the output that went
+    // away ends the input, or a followed file would be read for nobody.
+    input.onIdle([out] { return out == nullptr || out->flush(); });
+    input.onNotice([out, &progress](const std::string &note) {
+        progress.clear();
+        if (out != nullptr)
+            out->flush();
+        std::fprintf(stderr, "vorlink: %s\n", note.c_str());
+    });
+    if (input.following())
+        progress.disable();
+}
+
+ScanView::ScanView(LogScan &scan, const RunFlags &flags, Writer *out)
     : scan_(scan), progress_(!flags.noProgress, scan.input().totalBytes())
 {
-    showRejects(scan.rejects(), scan.input().name(), progress_);
+    watchInput(scan.input(), scan.rejects(), out, progress_);
     scan.onProgress([this](long long bytes, long long lines) { progress_.show(bytes, lines); });
 }
 
 int ScanView::finish(const CLI::App &command, Writer &out)
 {
     return finishRun(command, scan_.input(), scan_.rejects(), progress_, out, scan_.strict());
+}
+
+std::string parseErrorText(const CLI::App &where, const CLI::ParseError &error)
+{
+    if (dynamic_cast<const CLI::ExtrasError *>(&error) == nullptr)
+        return error.what();
+    const std::vector<std::string> extras = where.remaining();
+    if (extras.empty())
+        return error.what();
+    const std::string &extra = extras.front();
+    std::vector<std::string> names;
+    if (!extra.empty() && extra[0] == '-') {
+        for (const CLI::Option *option : where.get_options())
+            for (const std::string &name : option->get_lnames())
+                names.push_back("--" + name);
+        names.emplace_back("--help");
+        const std::string wanted = extra.substr(0, extra.find('='));
+        return "unknown option '" + wanted + "'; nearest: " + nearestNames(wanted, names, 1);
+    }
+    if (where.get_parent() == nullptr) {
+        for (const CLI::App *sub : where.get_subcommands({}))
+            names.push_back(sub->get_name());
+        return "unknown command '" + extra + "'; nearest: " + nearestNames(extra, names, 2);
+    }
+    return "unexpected argument '" + extra + "'";
 }
 
 const CLI::Validator &wholeNumber()
@@ -143,12 +223,17 @@ int finishRun(const CLI::App &command, const LineReader &input, const Rejects &r
         std::fprintf(stderr, "%s: %s: %s\n", name.c_str(), input.name().c_str(), std::strerror(input.readError()));
         return exitRejected;
     }
+    int status = written;
     if (rejects.count() > 0) {
         std::fprintf(stderr, "%s: %lld %s rejected%s\n", name.c_str(), rejects.count(), rejects.unit(),
                      strict ? ", stopped (--strict)" : "");
-        return exitRejected;
+        status = exitRejected;
     }
-    return written;
+    if (const int signal = stopSignal()) {
+        std::fprintf(stderr, "%s: stopped by SIG%s\n", name.c_str(), sigabbrev_np(signal));
+        return 128 + signal;
+    }
+    return status;
 }
 
 } // namespace vorlink

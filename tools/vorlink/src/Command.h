@@ -10,6 +10,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <csignal>
 #include <functional>
 #include <string>
 #include <vector>
@@ -36,6 +37,8 @@ Command addStatsCommand(CLI::App &parent);
 Command addListCommand(CLI::App &parent);
 Command addSynthCommand(CLI::App &parent);
 Command addPlotCommand(CLI::App &parent);
+Command addMakeCommand(CLI::App &parent);
+Command addMonitorCommand(CLI::App &parent);
 
 // Reports misuse found after the command line was parsed (a value that reads
 // but means nothing, a file that cannot be opened) and returns exitMisuse.
@@ -47,8 +50,27 @@ struct RunFlags
     bool strict = false;
     bool verbose = false;
     bool noProgress = false;
+    bool follow = false;
 };
 void addRunFlags(CLI::App &command, RunFlags &flags);
+// --follow (-f): a FILE is read on as it grows, through truncation and rotation.
+void addFollowFlag(CLI::App &command, bool &follow);
+// Opens the input of a run: FILE, followed with `follow`, or standard input
+// for "-". On misuse, false and the reason.
+bool openInput(LineReader &input, const std::string &path, bool follow, std::string &error);
+
+// SIGINT, SIGTERM and SIGHUP end a run cleanly: the input ends at its next
+// read, what was converted is written and summed up, and the exit status is
+// 128 + the signal's number. Installed by the commands that read a log.
+void catchStopSignals();
+const volatile std::sig_atomic_t &stopSignal();   // the signal that came, or 0
+
+// Watches a run over `input` as it goes: each rejected line on standard error,
+// after the progress bar is cleared and `out` (if any) is written out, so
+// that both streams keep the order of the input; pending output written out
+// whenever the input would wait; the end of the input on a stop signal or
+// when the output is gone; notes on a followed file.
+void watchInput(LineReader &input, Rejects &rejects, Writer *out, Progress &progress);
 
 // --message (repeatable), --from and --to, as given.
 struct SelectionOptions
@@ -65,7 +87,8 @@ bool resolveSelection(const SelectionOptions &options, Selection &selection, std
 class ScanView
 {
 public:
-    ScanView(LogScan &scan, const RunFlags &flags);
+    // `out`, when given, is written out as the scan goes (see watchInput).
+    ScanView(LogScan &scan, const RunFlags &flags, Writer *out = nullptr);
     // Closes the run: flushes the output and sums up what was rejected.
     int finish(const CLI::App &command, Writer &out);
 
@@ -81,6 +104,29 @@ void installMessageHandler();
 void setVerbose(bool verbose);
 void setDumpTarget(std::string *target);
 
+// Reads a named choice such as --format, case-insensitive, as given on the
+// command line: false with "--format must be one of dump, json (got 'xml')".
+// Kept as text while CLI11 parses, so that no number stands for a name.
+template <class T>
+bool choose(const std::string &option, const std::string &given,
+            const std::vector<std::pair<std::string, T>> &choices, T &value, std::string &error)
+{
+    std::string names;
+    for (const auto &[name, v] : choices) {
+        if (CLI::detail::to_lower(given) == name) {
+            value = v;
+            return true;
+        }
+        names += (names.empty() ? "" : ", ") + name;
+    }
+    error = option + " must be one of " + names + " (got '" + given + "')";
+    return false;
+}
+
+// The words for what CLI11 refused: an unknown option with the nearest one,
+// an unknown command with the nearest ones, else CLI11's own text.
+std::string parseErrorText(const CLI::App &where, const CLI::ParseError &error);
+
 // Validates a whole decimal number (no sign, no base prefix).
 const CLI::Validator &wholeNumber();
 
@@ -88,7 +134,8 @@ const CLI::Validator &wholeNumber();
 // a closed pipe ends the run quietly (exitOk).
 int finishOutput(const CLI::App &command, Writer &out);
 
-// Closes a run over an input: flushes the output and sums up what was rejected.
+// Closes a run over an input: flushes the output and sums up what was
+// rejected, and how the run was stopped if a signal stopped it.
 int finishRun(const CLI::App &command, const LineReader &input, const Rejects &rejects, Progress &progress,
               Writer &out, bool strict);
 

@@ -26,6 +26,7 @@ enum class Format { Dump, Json, Text, Binary, Csv };
 struct DecodeOptions
 {
     std::string input = "-";
+    std::string formatName = "dump";
     Format format = Format::Dump;
     RunFlags flags;
     SelectionOptions select;
@@ -41,13 +42,16 @@ const char *const decodeFooter = R"(Formats:
   binary  length-delimited protobuf stream: each message's size as a varint,
           then its bytes (what protobuf's ParseDelimitedFrom reads)
   csv     one message type (select it with --message): a header row of time,
-          sequence, msgId and the schema fields, then a row per message
+          message, id (0x2600), sequence, msgId (9728) and the schema fields,
+          then a row per message
 
 Examples:
   vorlink decode examples/bus.log
   vorlink decode --format json --message DdTemperatureData --from 2023-11-14T22:13:20Z bus.log
   vorlink decode --format csv --message DdTemperatureData bus.log > temperatures.csv
   vorlink synth --count 10 | vorlink decode --format text
+  tail -f bus.log | vorlink decode      each line as it comes
+  vorlink decode --follow bus.log       the same, through log rotation
 
 A line that cannot be converted (bad field, odd hex, unknown id, payload too
 short) is reported on standard error as FILE:LINE: reason; the other lines are
@@ -62,10 +66,11 @@ void appendVarint(std::string &out, std::uint32_t value)
     out.push_back(char(value));
 }
 
-// The CSV header: time, sequence, msgId, then the schema fields by name.
+// The CSV header: time, the message's name, its id as the log writes it,
+// sequence and msgId as the schema holds them, then the schema fields by name.
 void appendCsvHeader(const RowInfo &row, std::string &out)
 {
-    out += "time,sequence,msgId";
+    out += "time,message,id,sequence,msgId";
     for (int k = 0; k < row.descriptor->field_count(); ++k) {
         const FieldDescriptor *field = row.descriptor->field(k);
         if (field->name() != "header") {
@@ -85,7 +90,7 @@ bool appendCsvRow(const RowInfo &row, const BusLogEntry &entry, const QByteArray
     if (!readMessageValues(row, proto.constData(), std::size_t(proto.size()), values))
         return false;
     appendIsoTime(entry.msecs, out);
-    out += ',' + std::to_string(values.sequence) + ',' + std::to_string(values.msgId);
+    out += ',' + row.message + ',' + hexId(entry.msgId) + ',' + std::to_string(values.sequence) + ',' + std::to_string(values.msgId);
     for (const FieldValue &value : values.fields) {
         out += ',';
         appendFieldValue(out, value);
@@ -121,6 +126,11 @@ void appendDumpLine(const RowInfo &row, const BusLogEntry &entry, std::string &o
 int runDecode(const CLI::App &command, DecodeOptions &options)
 {
     std::string error;
+    const std::vector<std::pair<std::string, Format>> formats = {{"dump", Format::Dump}, {"json", Format::Json},
+                                                                 {"text", Format::Text}, {"binary", Format::Binary},
+                                                                 {"csv", Format::Csv}};
+    if (!choose("--format", options.formatName, formats, options.format, error))
+        return misuse(command, error);
     if (!resolveSelection(options.select, options.selection, error))
         return misuse(command, error);
     const RowInfo *csvRow = nullptr;
@@ -134,11 +144,11 @@ int runDecode(const CLI::App &command, DecodeOptions &options)
     }
     setVerbose(options.flags.verbose);
     LogScan scan(options.selection, options.flags.strict);
-    if (!scan.open(options.input, error))
+    if (!openInput(scan.input(), options.input, options.flags.follow, error))
         return misuse(command, error);
-    ScanView view(scan, options.flags);
-
     Writer out;
+    ScanView view(scan, options.flags, &out);
+
     google::protobuf::TextFormat::Printer textPrinter;
     std::vector<std::unique_ptr<Message>> parsed(Dictionary::instance().rows().size());
     std::string text;
@@ -203,14 +213,11 @@ Command addDecodeCommand(CLI::App &parent)
                                                         "text, a binary stream or CSV");
     command->add_option("FILE", options->input, "the bus log; standard input when '-' or missing")
         ->type_name("");
-    const std::map<std::string, Format> formats = {{"dump", Format::Dump}, {"json", Format::Json},
-                                                   {"text", Format::Text}, {"binary", Format::Binary},
-                                                   {"csv", Format::Csv}};
-    command->add_option("--format", options->format, "dump (default), json, text, binary or csv")
-        ->transform(CLI::CheckedTransformer(formats, CLI::ignore_case).description(""))
+    command->add_option("--format", options->formatName, "dump (default), json, text, binary or csv")
         ->type_name("FORMAT");
     addSelectionOptions(*command, options->select);
     addRunFlags(*command, options->flags);
+    addFollowFlag(*command, options->flags.follow);
     command->footer(decodeFooter);
     return {command, [command, options] { return runDecode(*command, *options); }};
 }

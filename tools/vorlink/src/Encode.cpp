@@ -2,6 +2,7 @@
 // text) back into a bus log.
 
 #include "JsonLine.h"
+#include "JsonCodec.h"
 #include "Command.h"
 #include "Dictionary.h"
 #include "Io.h"
@@ -27,21 +28,23 @@ enum class Input { Detect, Json, Binary, Text };
 struct EncodeOptions
 {
     std::string input = "-";
-    Input from = Input::Detect;
+    std::string formatName;
+    Input format = Input::Detect;
     RunFlags flags;
 };
 
-const char *const encodeFooter = R"(Input formats (--from; recognised from the first bytes when not given):
-  json    JSON Lines as 'decode --format json' writes them
+const char *const encodeFooter = R"(Input formats (--format; recognised from the first bytes when not given):
+  json    JSON values as 'decode --format json' writes them, one a line or
+          spread over lines (jq's default output); a value starts with '{'
   binary  the length-delimited stream of 'decode --format binary'
   text    the protobuf text blocks of 'decode --format text'
 
 Each message gives one bus-log line: time, sequence and id from its header,
 the payload as its record's wire bytes. Bytes behind a record's fields are not
-kept, a U32 held as a bool comes back as 0 or 1, and a value too wide for its
-wire field keeps its low bits. A bad line, block or record is reported with
-its line number (its byte offset in a binary stream) and the rest is still
-encoded.
+kept and a U32 held as a bool comes back as 0 or 1. A value that its wire
+field cannot hold (300 for a U08) is refused, naming the field and the range.
+A bad line, block or record is reported with the line where it starts (its
+byte offset in a binary stream) and the rest is still encoded.
 
 Examples:
   vorlink decode --format json bus.log | vorlink encode
@@ -100,7 +103,10 @@ LineResult entryFromBytes(const std::string &bytes, Message &envelope, BusLogEnt
         return rejected("not a protobuf message");
     const RowInfo *row = nullptr;
     LineResult result = readSchemaHeader(envelope, entry, row);
-    if (result.isMessage() && !row->protoToWire(QByteArray(bytes.data(), int(bytes.size())), entry.payload))
+    if (!result.isMessage())
+        return result;
+    result = wireFromProto(*row, bytes, entry.payload);
+    if (!result.isMessage() && std::string(result.cause) == "bad record")
         return rejected("does not parse as " + row->protoName);
     return result;
 }
@@ -140,23 +146,59 @@ LineResult entryFromText(const std::string &block, Message &envelope, BusLogEntr
         return rejected("does not fit " + row->protoName + ": " + errors.text);
     std::string bytes;
     message->SerializeToString(&bytes);
-    if (!row->protoToWire(QByteArray(bytes.data(), int(bytes.size())), entry.payload))
-        return rejected("the library could not read " + row->protoName + " back");
-    return result;
+    return wireFromProto(*row, bytes, entry.payload);
 }
 
 Input detect(std::string_view head)
 {
-    // A binary stream starts with a varint size and then the header's tag,
-    // 0x0A, which no JSON or text line has in second or third place.
+    // A binary stream starts with a varint size, the header's tag 0x0A, the
+    // header's size (under 32 bytes) and the tag of its first field (0x0A,
+    // 0x10 or 0x18). A size of 123 is '{', and JSON spread over lines starts
+    // "{\n" too, but then blanks or a quote follow.
     const std::size_t tag = !head.empty() && quint8(head[0]) >= 0x80 ? 2 : 1;
-    if (head.size() > tag && head[tag] == '\x0A')
+    if (head.size() > tag + 2 && head[tag] == '\x0A' && quint8(head[tag + 1]) < 0x20 &&
+        (head[tag + 2] == '\x0A' || head[tag + 2] == '\x10' || head[tag + 2] == '\x18'))
         return Input::Binary;
     const std::size_t first = head.find_first_not_of(" \t\r\n");
     if (first != std::string_view::npos && head[first] == '{')
         return Input::Json;
+    if (head.size() > tag && head[tag] == '\x0A')
+        return Input::Binary;
     return Input::Text;
 }
+
+// Follows the nesting of JSON text line by line, to find where a value
+// spread over lines ends.
+class JsonNesting
+{
+public:
+    // True when the text fed so far closes every object and array it opens.
+    bool feed(std::string_view line)
+    {
+        for (const char c : line) {
+            if (inString_) {
+                if (escaped_)
+                    escaped_ = false;
+                else if (c == '\\')
+                    escaped_ = true;
+                else if (c == '"')
+                    inString_ = false;
+            } else if (c == '"') {
+                inString_ = true;
+            } else if (c == '{' || c == '[') {
+                ++depth_;
+            } else if (c == '}' || c == ']') {
+                --depth_;
+            }
+        }
+        return depth_ <= 0;
+    }
+    void reset() { *this = JsonNesting(); }
+
+private:
+    int depth_ = 0;
+    bool inString_ = false, escaped_ = false;
+};
 
 void writeEntry(const BusLogEntry &entry, Writer &out)
 {
@@ -170,18 +212,23 @@ int runEncode(const CLI::App &command, EncodeOptions &options)
     setVerbose(options.flags.verbose);
     LineReader input;
     std::string error;
-    if (!input.open(options.input, error))
+    if (!options.formatName.empty() &&
+        !choose<Input>("--format", options.formatName, {{"json", Input::Json}, {"binary", Input::Binary},
+                                                        {"text", Input::Text}},
+                       options.format, error))
+        return misuse(command, error);
+    if (!openInput(input, options.input, options.flags.follow, error))
         return misuse(command, error);
     Writer out;
     Progress progress(!options.flags.noProgress, input.totalBytes());
     Rejects rejects;
-    showRejects(rejects, input.name(), progress);
+    watchInput(input, rejects, &out, progress);
     const bool strict = options.flags.strict;
     std::unique_ptr<Message> envelope(
         google::protobuf::MessageFactory::generated_factory()->GetPrototype(&envelopeType())->New());
     BusLogEntry entry;
 
-    Input from = options.from == Input::Detect ? detect(input.peek()) : options.from;
+    const Input from = options.format == Input::Detect ? detect(input.peek()) : options.format;
     if (from == Input::Binary) {
         ReaderStream stream(input);
         std::string bytes;
@@ -211,8 +258,16 @@ int runEncode(const CLI::App &command, EncodeOptions &options)
     }
 
     std::string_view line;
-    std::string block;
+    std::string block;   // a text block, or a JSON value spread over lines
     long long blockLine = 0;
+    JsonNesting nesting;
+    auto report = [&](long long lineNumber, const LineResult &result) {
+        if (result.kind == LineResult::Message)
+            writeEntry(entry, out);
+        else if (result.kind == LineResult::Error)
+            rejects.report(lineNumber, result.cause, result.reason);
+        return result.kind != LineResult::Error || !strict;
+    };
     auto endBlock = [&]() {
         if (block.empty())
             return true;
@@ -238,15 +293,30 @@ int runEncode(const CLI::App &command, EncodeOptions &options)
             }
             continue;
         }
-        const LineResult result = parseJsonLine(line, entry);
-        if (result.kind == LineResult::Message) {
-            writeEntry(entry, out);
-        } else if (result.kind == LineResult::Error) {
-            rejects.report(input.lineNumber(), result.cause, result.reason);
-            going = !strict;
+        if (!block.empty()) {   // inside a value that started on an earlier line
+            block.append(line).push_back('\n');
+            if (nesting.feed(line)) {
+                going = report(blockLine, parseJsonLine(block, entry));
+                block.clear();
+            }
+            continue;
         }
+        // One value a line is the common case: try it whole first.
+        if (readJsonLineFast(line, entry)) {
+            writeEntry(entry, out);
+            continue;
+        }
+        nesting.reset();
+        if (!nesting.feed(line)) {
+            blockLine = input.lineNumber();
+            block.assign(line.data(), line.size()).push_back('\n');
+            continue;
+        }
+        going = report(input.lineNumber(), parseJsonLine(line, entry));
     }
-    if (going)
+    if (going && from == Input::Json && !block.empty())
+        report(blockLine, parseJsonLine(block, entry));
+    else if (going)
         endBlock();
     return finishRun(command, input, rejects, progress, out, strict);
 }
@@ -260,13 +330,11 @@ Command addEncodeCommand(CLI::App &parent)
                                                         "into a bus log");
     command->add_option("FILE", options->input, "the input; standard input when '-' or missing")
         ->type_name("");
-    const std::map<std::string, Input> formats = {{"json", Input::Json}, {"binary", Input::Binary},
-                                                  {"text", Input::Text}};
-    command->add_option("--from", options->from, "json, binary or text; recognised from the first bytes when "
-                                                  "not given")
-        ->transform(CLI::CheckedTransformer(formats, CLI::ignore_case).description(""))
+    command->add_option("--format", options->formatName, "the input: json, binary or text; recognised from the "
+                                                         "first bytes when not given")
         ->type_name("FORMAT");
     addRunFlags(*command, options->flags);
+    addFollowFlag(*command, options->flags.follow);
     command->footer(encodeFooter);
     return {command, [command, options] { return runEncode(*command, *options); }};
 }

@@ -29,7 +29,7 @@ bool Writer::flush()
 }
 
 Progress::Progress(bool wanted, long long totalBytes)
-    : enabled_(wanted && ::isatty(STDERR_FILENO) == 1),
+    : enabled_(wanted && ::isatty(STDERR_FILENO) == 1 && ::isatty(STDOUT_FILENO) != 1),
       total_(totalBytes),
       start_(std::chrono::steady_clock::now()),
       last_(start_),
@@ -73,10 +73,12 @@ void Progress::clear()
     shown_ = false;
 }
 
-void showRejects(Rejects &rejects, const std::string &input, Progress &progress)
+void showRejects(Rejects &rejects, const std::string &input, Progress &progress, Writer *out)
 {
-    rejects.setSink([&input, &progress](const Rejected &rejected) {
+    rejects.setSink([&input, &progress, out](const Rejected &rejected) {
         progress.clear();
+        if (out != nullptr)
+            out->flush();
         if (rejected.line >= 0)
             std::fprintf(stderr, "%s:%lld: %s\n", input.c_str(), rejected.line, rejected.reason.c_str());
         else

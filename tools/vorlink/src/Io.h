@@ -52,7 +52,8 @@ private:
 };
 
 // A one-line progress bar on standard error. Drawn only when standard error is
-// a terminal, and only once a run has lasted a moment.
+// a terminal and standard output is not (there the output shows the
+// progress), and only once a run has lasted a moment.
 class Progress
 {
 public:
@@ -70,6 +71,11 @@ public:
             draw(bytes, lines, false);
     }
     void clear();
+    void disable()
+    {
+        clear();
+        enabled_ = false;
+    }
 
 private:
     void draw(long long bytes, long long lines, bool force);
@@ -83,7 +89,7 @@ private:
 
 // Shows each rejected line on standard error as "<input>:<line>: <reason>"
 // (a record of a binary stream as "<input>: byte <offset>: <reason>"),
-// clearing the progress bar first.
-void showRejects(Rejects &rejects, const std::string &input, Progress &progress);
+// clearing the progress bar and writing out `out` (if any) first.
+void showRejects(Rejects &rejects, const std::string &input, Progress &progress, Writer *out = nullptr);
 
 } // namespace vorlink

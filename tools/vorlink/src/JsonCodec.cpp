@@ -2,6 +2,7 @@
 
 #include "BusLog.h"
 #include "Dictionary.h"
+#include "WireRange.h"
 
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/io/coded_stream.h>
@@ -350,6 +351,14 @@ bool readValues(const Layout &layout, const char *data, std::size_t size, Messag
 
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
+// A whole JSON number that fits in 64 bits; one that does not is left to
+// protobuf's parser, which refuses it.
+bool wholeNumber(const char *text, const char *end, long long &value)
+{
+    const auto r = std::from_chars(text, end, value);
+    return r.ec == std::errc() && r.ptr == end;
+}
+
 float floatOf(std::uint32_t bits)
 {
     float f;
@@ -666,8 +675,8 @@ public:
         const PendingKind pending = pending_;
         pending_ = None;
         if (pending == Sequence || pending == MsgId) {
-            long long v;
-            if (!integral || std::from_chars(text, end, v).ptr != end)
+            long long v = 0;
+            if (!integral || !wholeNumber(text, end, v))
                 return false;
             if (pending == Sequence && v >= std::numeric_limits<qint32>::min() && v <= std::numeric_limits<qint32>::max())
                 return sequence_ = qint32(v), true;
@@ -683,8 +692,8 @@ public:
         if (slot.kind == Kind::Float) {
             float f;
             if (integral) {   // protobuf reads it as a whole number, then converts
-                long long v;
-                if (std::from_chars(text, end, v).ptr != end || v < -(1LL << 53) || v > (1LL << 53))
+                long long v = 0;
+                if (!wholeNumber(text, end, v) || v < -(1LL << 53) || v > (1LL << 53))
                     return false;
                 f = float(v);
             } else {
@@ -697,8 +706,8 @@ public:
             std::memcpy(&value.bits, &f, sizeof f);
             return true;
         }
-        long long v;
-        if (slot.kind == Kind::Bool || !integral || std::from_chars(text, end, v).ptr != end)
+        long long v = 0;
+        if (slot.kind == Kind::Bool || !integral || !wholeNumber(text, end, v))
             return false;
         if (slot.kind == Kind::UInt32 ? (v < 0 || v > std::numeric_limits<quint32>::max())
                                       : (v < std::numeric_limits<qint32>::min() || v > std::numeric_limits<qint32>::max()))
@@ -770,6 +779,11 @@ public:
             case Kind::Float: p = WireFormatLite::WriteFloatToArray(number, floatOf(bits), p); break;
             }
         }
+        // A value its wire field cannot hold goes to protobuf's path, which
+        // names it.
+        std::string tooWide;
+        if (!checkWireRanges(*row_, reinterpret_cast<const char *>(bytes_.data()), std::size_t(p - bytes_.data()), tooWide))
+            return false;
         const QByteArray proto =
             QByteArray::fromRawData(reinterpret_cast<const char *>(bytes_.data()), int(p - bytes_.data()));
         if (!row_->protoToWire(proto, entry.payload))

@@ -1,12 +1,14 @@
 #include "JsonLine.h"
 #include "Dictionary.h"
 #include "JsonCodec.h"
+#include "WireRange.h"
 
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/message.h>
 #include <google/protobuf/util/json_util.h>
 
 #include <rapidjson/document.h>
+#include <rapidjson/error/en.h>
 
 #include <cstdio>
 #include <memory>
@@ -29,24 +31,52 @@ std::string oneLine(std::string text)
     return text;
 }
 
-// Protobuf's mapping leaves a missing member at its default, which for the
-// header would make up a time or an id: the member that is missing, if any.
-const char *missingHeaderMember(std::string_view line)
+// The first member name that an object holds twice, anywhere in `value`.
+const char *duplicateMember(const rapidjson::Value &value)
+{
+    if (value.IsArray()) {
+        for (const auto &item : value.GetArray())
+            if (const char *name = duplicateMember(item))
+                return name;
+        return nullptr;
+    }
+    if (!value.IsObject())
+        return nullptr;
+    for (auto m = value.MemberBegin(); m != value.MemberEnd(); ++m) {
+        for (auto before = value.MemberBegin(); before != m; ++before)
+            if (before->name == m->name)
+                return m->name.GetString();
+        if (const char *name = duplicateMember(m->value))
+            return name;
+    }
+    return nullptr;
+}
+
+// JSON as the standard has it, which protobuf's parser is looser about (it
+// takes a trailing comma, and the last of two members of one name); then the
+// header's members, which protobuf's mapping would leave at their defaults
+// and so make up a time or an id. Empty when the line may go to protobuf.
+std::string syntaxOrHeaderFault(std::string_view line)
 {
     rapidjson::Document document;
     document.Parse(line.data(), line.size());
-    if (document.HasParseError() || !document.IsObject())
-        return nullptr;   // protobuf's parser names what is wrong
+    if (document.HasParseError())
+        return std::string("not JSON: ") + rapidjson::GetParseError_En(document.GetParseError()) + " (at byte " +
+               std::to_string(document.GetErrorOffset() + 1) + ")";
+    if (const char *name = duplicateMember(document))
+        return std::string("not JSON: the member \"") + name + "\" is given twice in one object";
+    if (!document.IsObject())
+        return {};   // protobuf's parser names what is wrong
     const auto header = document.FindMember("header");
     if (header == document.MemberEnd())
-        return "header";
+        return "the object has no \"header\"";
     if (!header->value.IsObject())
-        return nullptr;
+        return {};
     if (!header->value.HasMember("timestamp"))
-        return "header.timestamp";
+        return "the object has no \"header.timestamp\"";
     if (!header->value.HasMember("msgId"))
-        return "header.msgId";
-    return nullptr;
+        return "the object has no \"header.msgId\"";
+    return {};
 }
 
 LineResult headerError(std::string reason) { return LineResult::failed("bad header", std::move(reason)); }
@@ -102,8 +132,9 @@ LineResult parseJsonLine(std::string_view line, BusLogEntry &entry)
     // its JSON mapping and names what is wrong. Every schema message has its
     // Header at number 1, so the header is read first on its own, through
     // Envelope, to learn the message type.
-    if (const char *missing = missingHeaderMember(line))
-        return error(std::string("the object has no \"") + missing + "\"");
+    const std::string fault = syntaxOrHeaderFault(line);
+    if (!fault.empty())
+        return error(fault);
     const auto *envelopeType =
         google::protobuf::DescriptorPool::generated_pool()->FindMessageTypeByName("zelko.messages.Envelope");
     if (envelopeType == nullptr)
@@ -127,8 +158,16 @@ LineResult parseJsonLine(std::string_view line, BusLogEntry &entry)
     if (!parsed.ok())
         return error("does not fit " + row->protoName + ": " + oneLine(parsed.ToString()));
     const std::string bytes = message->SerializeAsString();
-    if (!row->protoToWire(QByteArray(bytes.data(), int(bytes.size())), entry.payload))
-        return error("the library could not read " + row->protoName + " back");
+    return wireFromProto(*row, bytes, entry.payload);
+}
+
+LineResult wireFromProto(const RowInfo &row, const std::string &proto, QByteArray &wire)
+{
+    std::string fault;
+    if (!checkWireRanges(row, proto.data(), proto.size(), fault))
+        return LineResult::failed("value out of range", fault);
+    if (!row.protoToWire(QByteArray::fromRawData(proto.data(), int(proto.size())), wire))
+        return LineResult::failed("bad record", "the library could not read " + row.protoName + " back");
     return LineResult::message();
 }
 

@@ -21,8 +21,15 @@ struct RowInfo;
 // JSON of a schema message with its `header`) into the message's bus-log
 // entry: time, sequence and id from the header, the payload as the record's
 // wire bytes. Blank lines are Skip. Rejects an unknown id, a field the schema
-// message does not have, and anything that is not such an object.
+// message does not have, a value its wire field cannot hold, JSON that is not
+// well-formed (a trailing comma, a member given twice), and anything that is
+// not such an object. `line` may span several lines.
 LineResult parseJsonLine(std::string_view line, BusLogEntry &entry);
+
+// The record's wire bytes of a row's serialized schema message, after every
+// field was checked against its wire type: a value that does not fit is
+// refused ("value out of range"), never narrowed.
+LineResult wireFromProto(const RowInfo &row, const std::string &proto, QByteArray &wire);
 
 // Reads the header of any schema message (a parsed Envelope will do) into
 // `entry`'s time, sequence and id, and finds the row the id names. Rejects a

@@ -21,6 +21,7 @@ namespace {
 struct StatsOptions
 {
     std::string input = "-";
+    std::string formatName = "text";
     bool json = false;
     RunFlags flags;
     SelectionOptions select;
@@ -73,8 +74,8 @@ void writeJson(const std::vector<const RowInfo *> &rows, const std::vector<Messa
     QJsonArray messages;
     for (const RowInfo *row : rows) {
         const MessageTally &s = seen[row->id];
-        QJsonObject item{{"id", row->id},
-                         {"idHex", QString::fromStdString(hexId(row->id))},
+        QJsonObject item{{"id", QString::fromStdString(hexId(row->id))},
+                         {"msgId", row->id},
                          {"message", QString::fromStdString(row->message)},
                          {"count", s.count},
                          {"first", QString::fromStdString(isoTime(s.first))},
@@ -100,11 +101,13 @@ void writeJson(const std::vector<const RowInfo *> &rows, const std::vector<Messa
 int runStats(const CLI::App &command, StatsOptions &options)
 {
     std::string error;
+    if (!choose<bool>("--format", options.formatName, {{"text", false}, {"json", true}}, options.json, error))
+        return misuse(command, error);
     if (!resolveSelection(options.select, options.selection, error))
         return misuse(command, error);
     setVerbose(options.flags.verbose);
     LogScan scan(options.selection, options.flags.strict);
-    if (!scan.open(options.input, error))
+    if (!openInput(scan.input(), options.input, options.flags.follow, error))
         return misuse(command, error);
     ScanView view(scan, options.flags);
 
@@ -135,12 +138,10 @@ Command addStatsCommand(CLI::App &parent)
                                                        "often; and the rejected lines by cause");
     command->add_option("FILE", options->input, "the bus log; standard input when '-' or missing")
         ->type_name("");
-    const std::map<std::string, bool> formats = {{"text", false}, {"json", true}};
-    command->add_option("--format", options->json, "text (default) or json")
-        ->transform(CLI::CheckedTransformer(formats, CLI::ignore_case).description(""))
-        ->type_name("FORMAT");
+    command->add_option("--format", options->formatName, "text (default) or json")->type_name("FORMAT");
     addSelectionOptions(*command, options->select);
     addRunFlags(*command, options->flags);
+    addFollowFlag(*command, options->flags.follow);
     command->footer(R"(One row per message type seen, in id order: id, name, count, the first and
 the last time (UTC), the mean rate in Hz over that span, the payload bytes in
 all, and how many of the messages carried bytes behind their record (unread).
@@ -150,7 +151,8 @@ when the library converts it, as decode would.
 Examples:
   vorlink stats examples/bus.log
   vorlink stats --message Dd --from 1700000000 --to 1700000060 bus.log
-  vorlink stats --format json bus.log | jq '.messages[] | select(.count > 100)')");
+  vorlink stats --format json bus.log | jq '.messages[] | select(.count > 100)'
+  vorlink stats --follow bus.log      counts until Ctrl-C, then the table)");
     return {command, [command, options] { return runStats(*command, *options); }};
 }
 

@@ -13,14 +13,17 @@
 #ifndef VORLINK_VERSION
 #define VORLINK_VERSION "unknown"
 #endif
+#ifndef VORLINK_SONAME
+#define VORLINK_SONAME "libVorlink.so"
+#endif
 
 namespace {
 
 const char *const footer = R"(Bus-log line: <time> <sequence> <id> <payload>, e.g.
   1700000000.123 7 0x0100 02000000010000003c0000000500
-time in seconds since 1970 (UTC, up to 3 decimals), sequence 0 to 65535 in
-decimal, id in hexadecimal, payload in hexadecimal ('-' when empty). Blank
-lines and lines starting with '#' are skipped.
+time in seconds since 1970 (UTC, up to 9 decimals, kept to the millisecond),
+sequence 0 to 65535 in decimal, id in hexadecimal, payload in hexadecimal ('-'
+when empty). Blank lines and lines starting with '#' are skipped.
 
 'vorlink <command> --help' shows a command's options, formats and examples.
 Exit status: 0 success, 1 some input was rejected (or output failed), 2 misuse.)";
@@ -36,11 +39,12 @@ int main(int argc, char **argv)
     CLI::App app("The Vorlink message dictionary on the command line.", "vorlink");
     app.footer(footer);
     app.set_version_flag("--version", [] {
-        return std::string("vorlink ") + VORLINK_VERSION + " (libVorlink.so.1, " +
+        return std::string("vorlink ") + VORLINK_VERSION + " (" VORLINK_SONAME ", " +
                std::to_string(Dictionary::instance().rows().size()) + " messages)";
     });
     const std::vector<Command> commands = {addDecodeCommand(app), addEncodeCommand(app), addStatsCommand(app),
-                                           addListCommand(app), addSynthCommand(app), addPlotCommand(app)};
+                                           addListCommand(app), addSynthCommand(app), addPlotCommand(app),
+                                           addMakeCommand(app), addMonitorCommand(app)};
 
     // "vorlink help decode" is "vorlink decode --help".
     std::vector<std::string> args(argv + 1, argv + argc);
@@ -57,7 +61,7 @@ int main(int argc, char **argv)
         const CLI::App *where = &app;
         for (const CLI::App *sub : app.get_subcommands())
             where = sub;
-        return misuse(*where, e.what());
+        return misuse(*where, parseErrorText(*where, e));
     }
     for (const Command &command : commands)
         if (command.app->parsed())

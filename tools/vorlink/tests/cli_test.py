@@ -3,13 +3,14 @@
 rejected lines, selection, stats, the way back through encode, and the
 listing of the dictionary. Runs in a time zone other than UTC."""
 
-import argparse, json, os, re, struct, subprocess, sys, tempfile, unittest
+import argparse, json, os, re, struct, subprocess, sys, tempfile, time, unittest
 
 TOOL = EXAMPLES = None
 ENV = dict(os.environ, TZ="XYZ-3")
 ALARM = b"1700000000.123 7 0x0100 02000000010000003c0000000500\n"
 ALARM_PROTO = bytes.fromhex("0a120a0b0880e2cfaa0610c0a9d33a10071880021002180120" "3c2805")
 EVENT = b"1.5 65535 0x1700 0900000001000000020000002a00000003000000\n"
+BAL = b"1 1 0x2E00 0300000000000000cdcccc3d0100000007000000000000000100000000000000\n"   # bools and a float
 
 
 def run(*args, stdin=None, env=ENV):
@@ -25,10 +26,16 @@ class Decode(unittest.TestCase):
         for args in ([], ["frobnicate"], ["decode", "--format", "xml"], ["decode", "--bogus"], ["decode", "a", "b"],
                      ["decode", "/no/such/file"], ["synth", "--count", "ten"], ["list", "1", "2"],
                      ["stats", "--message", "0x0001"], ["stats", "--from", "soon"], ["stats", "--from", "20", "--to", "10"],
-                     ["decode", "--format", "csv"], ["decode", "--format", "csv", "--message", "Dd"]):
+                     ["decode", "--format", "csv"], ["decode", "--format", "csv", "--message", "Dd"], ["list", "Nope"],
+                     ["list", "0x0001"], ["decode", "--format", "1"], ["encode", "--from", "json"], ["make", "Td"]):
             r = run(*args)
             self.assertEqual((r.returncode, r.stdout, bool(r.stderr)), (2, b"", True), args)
-        self.assertIn("nearest: DdTemperatureData", run("decode", "--message", "DdTemprature").stderr.decode())
+        for args, said in ((["decode", "--message", "DdTemprature"], "--message: no message 'DdTemprature'; nearest: "
+                                                                      "DdTemperatureData, TdTemperatureData, FpTemperatureData"),
+                           (["decode", "--format", "xml"], "--format must be one of dump, json, text, binary, csv (got 'xml')"),
+                           (["stats", "--fromat", "json"], "unknown option '--fromat'; nearest: --format"),
+                           (["encode", "--format", "1"], "--format must be one of json, binary, text (got '1')")):
+            self.assertEqual(run(*args).stderr.decode().splitlines()[0], f"vorlink {args[0]}: {said}", args)
         for args in (["--help"], ["help", "decode"], ["encode", "-h"]):
             self.assertIn(b"Usage: vorlink", run(*args).stdout, args)
         self.assertRegex(run("--version").stdout.decode(), r"^vorlink \d+\.\d+\.\d+ .*474 messages")
@@ -50,13 +57,19 @@ class Decode(unittest.TestCase):
                                         "1700000000\n    nanos: 123000000\n  }\n  sequence: 7\n  msgId: 256\n}\nalarmState: 2\n"))
         self.assertEqual(len(re.findall(r"^# line \d+: ", text, re.M)), 478)
         self.assertEqual(run("decode", "--format", "binary", "-", stdin=ALARM).stdout, bytes([28]) + ALARM_PROTO)
-        # A schema message of more than 127 bytes: its size takes two bytes of varint.
-        out = run("decode", "--format", "binary", stdin=b"1 1 0x4400 " + b"ffffff7f" * 24).stdout
-        self.assertEqual((out[0] >= 0x80, (out[0] & 0x7F) | out[1] << 7), (True, len(out) - 2))
+        # A first schema message of 128 bytes, its size two bytes of varint: encode still recognises the stream.
+        big = b"1.000 1 0x72A0 " + (bytes(16) + bytes.fromhex("0000c03f") * 21 + bytes(36)).hex().encode() + b"\n"
+        out = run("decode", "--format", "binary", stdin=big + ALARM).stdout
+        self.assertEqual((out[:2], run("encode", stdin=out).stdout), (b"\x80\x01", big + ALARM))
         csv = run("decode", "--format", "csv", "--message", "TdEvent", stdin=EVENT).stdout.decode().splitlines()
-        self.assertEqual(csv, ["time,sequence,msgId,event,dataType1,data1_bool,data1_uint32,data1_int32,data1_float,"
-                               "dataType2,data2_bool,data2_uint32,data2_int32,data2_float",
-                               "1970-01-01T00:00:01.500Z,-1,5888,9,1,,,,,2,,,,"])
+        self.assertEqual(csv, ["time,message,id,sequence,msgId,event,dataType1,data1_bool,data1_uint32,data1_int32,"
+                               "data1_float,dataType2,data2_bool,data2_uint32,data2_int32,data2_float",
+                               "1970-01-01T00:00:01.500Z,TdEvent,0x1700,-1,5888,9,1,,,,,2,,,,"])
+        for line, values in ((BAL, "11776,3,0,0.1,true,7,false,true,false"), (b"1 1 0x1100 fbffffff0000804b51069e3f" +
+                             b"00" * 12 + b"ffffffff" + b"00" * 8, "4352,-5,16777216,1.2345678,0,0,0,4294967295,0,0")):
+            csv = run("decode", "--format", "csv", "--message", line.split()[2].decode(), stdin=line).stdout.decode()
+            time, _, id, rest = csv.splitlines()[1].split(",", 3)
+            self.assertEqual((time, id, rest), ("1970-01-01T00:00:01.000Z", line.split()[2].decode(), "1," + values))
 
     def test_bad_lines_are_reported_and_the_rest_converted(self):
         r = run("decode", "examples/malformed.log")
@@ -70,7 +83,7 @@ class Decode(unittest.TestCase):
             "examples/malformed.log:7: payload has an odd number of hexadecimal digits (7)",
             "examples/malformed.log:8: payload has 'z' at digit 3, which is not hexadecimal",
             "examples/malformed.log:9: sequence '70000' is not a decimal number from 0 to 65535",
-            "examples/malformed.log:10: time 'yesterday' is not seconds since 1970 (0 to 253402300799.999, up to 3 decimals)",
+            "examples/malformed.log:10: time 'yesterday' is not seconds since 1970 (0 to 253402300799.999, up to 9 decimals)",
             "vorlink decode: 6 lines rejected"])
         verbose = run("decode", "--verbose", "examples/malformed.log")
         self.assertIn("Not enough data", verbose.stderr.decode())
@@ -114,8 +127,10 @@ class Questions(unittest.TestCase):
 
     def test_message_and_time_select_exactly_the_lines(self):
         t = self.lines[100][0]   # --from and --to are inclusive: the same time selects that time's lines
+        dd = {int(l[:6], 16) for l in run("list").stdout.decode().splitlines() if "  MSG_ID_DD_" in l}
         cases = [(["--message", "0x0100"], lambda i, s: i == 0x100),
-                 (["--message", "MSG_ID_ALARM_STATUS_DATA", "--message", "tdevent"], lambda i, s: i in (0x100, 0x1700)),
+                 (["--message", "msg_ID_alarm_status_DATA", "--message", "tdEVENT", "--message", "0X0e00"],
+                  lambda i, s: i in (0x100, 0x1700, 0xE00)), (["--message", "dD"], lambda i, s: i in dd),
                  (["--from", t, "--to", t], lambda i, s: s == float(t)),
                  (["--from", "2023-11-14T22:13:30", "--to", "2023-11-14T22:13:40.500Z"],
                   lambda i, s: 1700000010.0 <= s <= 1700000020.5)]
@@ -123,7 +138,7 @@ class Questions(unittest.TestCase):
             want = [l[:3] for l in self.lines if wanted(int(l[2], 16), float(l[0]))]
             self.assertTrue(0 < len(want) < len(self.lines), args)
             binary = run("decode", "--format", "binary", *args, stdin=self.log).stdout
-            got = [l.split()[:3] for l in run("encode", "--from", "binary", stdin=binary).stdout.decode().splitlines()]
+            got = [l.split()[:3] for l in run("encode", "--format", "binary", stdin=binary).stdout.decode().splitlines()]
             self.assertEqual(got, want, args)
             stats = json.loads(run("stats", "--format", "json", *args, stdin=self.log).stdout)["totals"]
             self.assertEqual((stats["messages"], stats["leftOut"]), (len(want), len(self.lines) - len(want)), args)
@@ -144,7 +159,7 @@ class Questions(unittest.TestCase):
     def test_encode_reads_back_every_format(self):
         for form in ("binary", "text", "json"):
             data = run("decode", "--format", form, stdin=self.log).stdout
-            for args in (["--from", form], []):
+            for args in (["--format", form], []):
                 back = run("encode", *args, stdin=data)
                 self.assertEqual((back.returncode, back.stderr, len(back.stdout.splitlines())), (0, b"", 3000), (form, args))
                 for a, b in zip(messages(back.stdout.decode()), self.lines):
@@ -160,19 +175,165 @@ class Questions(unittest.TestCase):
         self.assertIn("<stdin>:2: unknown message id 0x0002", r.stderr.decode())
 
 
+class Craft(unittest.TestCase):
+    """Messages made by hand: encode's refusals, make, JSON as people write it."""
+    HEADER = {"sequence": 1, "msgId": 19360, "timestamp": "2023-11-14T22:13:20Z"}
+
+    def test_encode_refuses_a_value_its_wire_field_cannot_hold_in_every_format(self):
+        def varint(n):
+            out = b""
+            while n >= 0x80:
+                out, n = out + bytes([n & 0x7F | 0x80]), n >> 7
+            return out + bytes([n])
+
+        def binary(msg_id, number, value):   # header {timestamp {seconds: 1700000000}, msgId}, then the field
+            header = b"\x0a" + varint(6) + b"\x08" + varint(1700000000) + b"\x10\x01\x18" + varint(msg_id)
+            body = b"\x0a" + varint(len(header)) + header + bytes([number << 3]) + varint(value)
+            return varint(len(body)) + body
+
+        def text(value):
+            return f"header {{ timestamp {{ seconds: 1700000000 }} sequence: 1 msgId: 19360 }}\ncommand: {value}\n\n".encode()
+
+        refusal = "<stdin>:{}: command: {} does not fit U08 (0 to 255)"
+        cases = [("json", lambda v: json.dumps({"header": self.HEADER, "command": v}).encode() + b"\n", refusal.format(1, "{}")),
+                 ("json", lambda v: json.dumps({"header": self.HEADER, "command": str(v)}).encode() + b"\n", refusal.format(1, "{}")),
+                 ("text", text, refusal.format(1, "{}")),
+                 ("binary", lambda v: binary(19360, 2, v), "<stdin>: byte 0: command: {} does not fit U08 (0 to 255)")]
+        for form, make, said in cases:
+            for value in (256, 300, 70000):
+                for args in ([], ["--format", form]):
+                    r = run("encode", *args, "--strict", stdin=make(value))
+                    self.assertEqual((r.returncode, r.stdout), (1, b""), (form, value))
+                    self.assertEqual(r.stderr.decode().splitlines()[0], said.format(value), (form, value))
+            self.assertEqual(run("encode", stdin=make(255)).stdout, b"1700000000.000 1 0x4BA0 ff\n", form)
+        # A U32 has all of its 32 bits, and not one more.
+        r = run("encode", stdin=binary(0x0100, 2, 1 << 32) + binary(0x0100, 2, (1 << 32) - 1))
+        self.assertEqual(r.stderr.decode().splitlines()[0], "<stdin>: byte 0: alarmState: 4294967296 does not fit U32 (0 to 4294967295)")
+        self.assertEqual(r.stdout, b"1700000000.000 1 0x0100 ffffffff00000000000000000000\n")
+        # Past 64 bits, as protobuf's parser refuses it; nothing is written as 0.
+        r = run("encode", stdin=b'{"header":{"sequence":1,"msgId":768,"timestamp":"2023-11-14T22:13:20Z"},"alarmName":99999999999999999999}')
+        self.assertEqual((r.returncode, r.stdout), (1, b""))
+        self.assertIn("<stdin>:1: does not fit zelko.messages.AlarmCleared", r.stderr.decode())
+
+    def test_make_then_decode_gives_back_every_wire_type(self):
+        rows = {   # every wire type at its edges, hexadecimal, negative, float, bool
+            "FwVersionsRequest": {"major": "255", "minor": "0", "micro": "0x7f", "build": "65535", "compatibility": "4294967295"},
+            "TdValvesData": {"valveID": "1", "state": "2", "currentPosID": "3", "currentPos": "-32768", "cmdPos": "32767",
+                             "posA": "-1", "posB": "0", "posC": "0", "posD": "0", "maxHomingPos": "0x10"},
+            "TdBloodPumpData": {"h4SetFlowRate": "-2147483648", "h4MeasFlow": "-1.5", "h4MeasRotorSpd": "3.4028235e38",
+                                "h4MeasPumpSpd": "0.1", "h4MeasTorquemNm": "-0", "h4SetRPM": "1e-45", "h4RotorCount": "0",
+                                "h4PresFlow": "0", "h6RotorHallState": "2147483647"},
+            "TdAlarmInformationData": {"audioVolume": "1", "audioCurrHG": "0", "audioCurrLG": "0", "backupAudioCurr": "0",
+                                       "safetyShutdown": "true", "acPowerLost": "false", "uiAlarmButtonBlocks1": "1",
+                                       "uiAlarmButtonBlocks2": "0", "uiAlarmButtonBlocks3": "0", "uiAlarmButtonBlocks4": "0",
+                                       "uiAlarmButtonBlocks5": "0", "uiAlarmButtonBlocks6": "255"}}
+        f32 = lambda x: struct.unpack("f", struct.pack("f", x))[0]
+        number = lambda t: t == "true" if t in ("true", "false") else f32(float(t)) if "." in t or "e" in t else int(t, 0)
+        for message, fields in rows.items():
+            args = ["make", message, *(f"{k}={v}" for k, v in fields.items()), "--time", "1700000000.123456", "--sequence", "9"]
+            line = run(*args)
+            self.assertEqual((line.returncode, line.stderr), (0, b""), message)
+            got = json.loads(run("decode", "--format", "json", stdin=line.stdout).stdout)
+            self.assertEqual(got["header"], {"sequence": 9, "msgId": got["header"]["msgId"], "timestamp": "2023-11-14T22:13:20.123Z"})
+            for k, v in fields.items():
+                self.assertEqual(f32(got[k]) if isinstance(got[k], float) else got[k], number(v), (message, k))
+            for form in ("json", "text", "binary"):   # as decode shows the message the bus carries
+                self.assertEqual(run(*args, "--format", form).stdout.replace(b"# zelko", b"# line 1: zelko"),
+                                 run("decode", "--format", form, stdin=line.stdout).stdout, (message, form))
+        refusals = [("FwVersionsRequest", "major=256", "major: 256 does not fit U08 (0 to 255)"),
+                    ("FwVersionsRequest", "build=65536", "build: 65536 does not fit U16 (0 to 65535)"),
+                    ("FwVersionsRequest", "compatibility=0x100000000", "compatibility: 0x100000000 does not fit U32 (0 to 4294967295)"),
+                    ("FwVersionsRequest", "major=-1", "major: -1 does not fit U08 (0 to 255)"),
+                    ("TdValvesData", "cmdPos=32768", "cmdPos: 32768 does not fit S16 (-32768 to 32767)"),
+                    ("TdValvesData", "cmdPos=4294934528", "cmdPos: 4294934528 does not fit S16 (-32768 to 32767)"),
+                    ("TdBloodPumpData", "h4SetFlowRate=-2147483649", "h4SetFlowRate: -2147483649 does not fit S32 (-2147483648 to 2147483647)"),
+                    ("TdBloodPumpData", "h4MeasFlow=1e39", "h4MeasFlow: 1e39 does not fit F32 (a finite float up to 3.4028235e38 either way, or NaN or an infinity)"),
+                    ("TdBloodPumpData", "h4RotorCount=99999999999999999999", "h4RotorCount: 99999999999999999999 does not fit U32 (0 to 4294967295)"),
+                    ("TdAlarmInformationData", "acPowerLost=2", "acPowerLost: '2' is not true or false (a U32 held as a bool)"),
+                    ("TdValvesData", "cmdPos=12x", "cmdPos: '12x' is not a whole number (decimal or 0x hexadecimal)"),
+                    ("TdValvesData", "cmdPos=1.5", "cmdPos: '1.5' is not a whole number (decimal or 0x hexadecimal)"),
+                    ("TdValvesData", "cmdPOS=1", "TdValvesData has no field 'cmdPOS'; nearest: cmdPos, posA, posB"),
+                    ("TdValvesData", "cmdPos=1 cmdPos=2", "cmdPos is given twice"),
+                    ("FwVersionsRequest", "major=1 micro=2", "FwVersionsRequest needs every field; missing: minor, build, compatibility (or --fill 0)")]
+        for message, words, said in refusals:
+            r = run("make", message, "--fill", "0", *words.split()) if "missing" not in said else run("make", message, *words.split())
+            self.assertEqual((r.returncode, r.stdout, r.stderr.decode().splitlines()[0]), (2, b"", "vorlink make: " + said), words)
+        now = run("make", "0x1780", "valve=1", "state=2").stdout.split()
+        self.assertEqual(now[1:], [b"0", b"0x1780", b"0100000002000000"])
+        self.assertLess(abs(float(now[0]) - time.time()), 60)
+
+    def test_json_as_people_write_it(self):
+        objects = [{"header": dict(self.HEADER, sequence=n), "command": n} for n in (1, 2, 300, 4)]
+        pretty = "\n".join(json.dumps(o, indent=2) for o in objects).encode()
+        first_lines = [1 + sum(json.dumps(o, indent=2).count("\n") + 1 for o in objects[:k]) for k in range(4)]
+        for text in (pretty, pretty.replace(b"  ", b"\t"), b"\n".join(json.dumps(o).encode() for o in objects)):
+            r = run("encode", stdin=text)
+            self.assertEqual(r.stdout.decode().splitlines(), [f"1700000000.000 {n} 0x4BA0 0{n}" for n in (1, 2, 4)])
+            line = first_lines[2] if text is not objects and b"\n  " in text or b"\t" in text else 3
+            self.assertEqual(r.stderr.decode().splitlines()[0], f"<stdin>:{line}: command: 300 does not fit U08 (0 to 255)")
+        # Well-formed JSON only; an object left open is reported where it starts.
+        good = json.dumps(objects[0]).encode()
+        for bad, said in ((b'{"header":{"sequence":1,"msgId":19360,"timestamp":"2023-11-14T22:13:20Z"},"command":1,}', "Missing a name"),
+                          (b'{"header":{"sequence":1,"msgId":19360,"msgId":19360,"timestamp":"2023-11-14T22:13:20Z"}}', '"msgId" is given twice'),
+                          (b'{"header":{"sequence":1,\n"msgId":19360,', "Missing a name")):
+            r = run("encode", stdin=good + b"\n\n" + bad + (b"" if b"\n" in bad else b"\n" + good))
+            self.assertEqual(r.returncode, 1)
+            self.assertIn(said, r.stderr.decode())
+            self.assertTrue(r.stderr.decode().startswith("<stdin>:3: not JSON: "), r.stderr)
+
+
 class List(unittest.TestCase):
     def test_listing_of_every_message_and_field(self):
         listing = run("list").stdout.decode().splitlines()   # 1258 wire fields, 32 oneof members, 124 "no fields"
-        self.assertEqual([sum(l.startswith(p) for l in listing) for p in ("0x", "  ", "     -")], [474, 1258 + 32 + 124, 32])
+        self.assertEqual([sum(l.startswith(p) for l in listing) for p in ("0x", "  ", "     -")], [474, 1258 + 32 + 124, 32 + 124])
         self.assertEqual(run("list", "alarmstatusdata").stdout.decode().splitlines(), [
             "0x0100  MSG_ID_ALARM_STATUS_DATA  zelko.messages.AlarmStatusData  14 bytes",
-            "     0  U32  alarmState                       uint32", "     4  U32  alarmTop                         uint32",
-            "     8  U32  silenceExpiresIn                 uint32", "    12  U16  alarmsFlags                      uint32"])
-        self.assertEqual(run("list", "0x1700").stdout.decode().splitlines()[::4], [
-            "0x1700  MSG_ID_TD_EVENT  zelko.messages.TdEvent  20 bytes (record reads 12)",
-            "     -  -    data1_bool                       bool, schema only (oneof data1)",
-            "     -  -    data2_bool                       bool, schema only (oneof data2)"])
-        self.assertEqual((run("list", "NoSuchMessage").returncode, run("list", "0x0001").returncode), (1, 1))
+            "     0  U32  AlarmStatusData.alarmState" + " " * 31 + "uint32",
+            "     4  U32  AlarmStatusData.alarmTop" + " " * 33 + "uint32",
+            "     8  U32  AlarmStatusData.silenceExpiresIn" + " " * 25 + "uint32",
+            "    12  U16  AlarmStatusData.alarmsFlags" + " " * 30 + "uint32"])
+        event = run("list", "0x1700").stdout.decode().splitlines()
+        self.assertEqual((event[0], event[4].split()), ("0x1700  MSG_ID_TD_EVENT  zelko.messages.TdEvent  20 bytes (record reads 12)",
+                         ["-", "-", "TdEvent.data1_bool", "bool,", "schema", "only", "(oneof", "data1)"]))
+        self.assertIn("     -  -    AckMessageThatRequiresAck: no fields", listing)
+        # Every line below a message names it: grep keeps a message whole.
+        current = None
+        for line in listing:
+            if line.startswith("0x"):
+                current = line.split()[2].split(".")[-1]
+            else:
+                self.assertIn(current, line)
+
+    def test_one_vocabulary_for_every_command(self):
+        """--message, list and make read a key alike."""
+        rows = json.loads(run("list", "--format", "json").stdout)
+        self.assertEqual(len(rows), 474)
+        for key in ("0x2600", "9728", "DdTempratureData", "DdTemperatureData", "ddtemperaturedatapayload", "MSG_ID_DD_TEMPERATURE_DATA",
+                    "zelko.messages.DdTemperatureData"):
+            listed = run("list", "--format", "json", key)
+            if key == "DdTempratureData":   # no such name: the three nearest
+                for command in (["list"], ["make"], ["stats", "-m"]):
+                    self.assertEqual(run(*command, key).stderr.decode().splitlines()[0].split(": ", 1)[1].replace("--message: ", ""),
+                                     f"no message '{key}'; nearest: DdTemperatureData, TdTemperatureData, FpTemperatureData")
+                continue
+            self.assertEqual([r["message"] for r in json.loads(listed.stdout)], ["DdTemperatureData"], key)
+            csv = run("decode", "--format", "csv", "-m", key, "examples/bus.log").stdout.decode().splitlines()
+            self.assertEqual(csv[1].split(",")[1:5], ["DdTemperatureData", "0x2600", "23909", "9728"], key)
+            made = run("make", key, "--fill", "0", "--time", "1", "--sequence", "5").stdout
+            self.assertEqual(made, b"1.000 5 0x2600 " + b"0" * 192 + b"\n", key)
+        self.assertEqual(run("decode", "-m", "99999").stderr.decode().splitlines()[0],
+                         "vorlink decode: --message: no message has the id 99999")
+        # A node prefix takes every name that starts with the node's word,
+        # digits after it included, and no other.
+        for node in ("Td", "Dd", "Fp", "Ui"):
+            want = sorted(r["id"] for r in rows if r["message"].startswith(node) and not r["message"][2].islower())
+            self.assertEqual(sorted(r["id"] for r in json.loads(run("list", "--format", "json", node.lower()).stdout)), want)
+            stats = json.loads(run("stats", "--format", "json", "--message", node, "examples/bus.log").stdout)
+            self.assertEqual(sorted(m["id"] for m in stats["messages"]), want, node)
+        self.assertIn("0x1780", want_td := sorted(r["id"] for r in rows if r["message"].startswith("Td")))
+        self.assertEqual(len(want_td), 174)
+        both = json.loads(run("list", "--format", "json", "Fp", "0x0100", "FpTesterLoginRequest").stdout)
+        self.assertEqual(len(both), 1 + sum(r["message"].startswith("Fp") for r in rows))
 
 
 class Plot(unittest.TestCase):
@@ -188,14 +349,15 @@ class Plot(unittest.TestCase):
                 self.assertFalse(os.path.exists(page), args)
 
     def test_values_reduction_and_empty_series(self):
-        # d1Temp of 12000 DdTemperatureData messages, 1 ms apart, two of the first
-        # ten out of order, with one spike and one dip.
+        # d1Temp of 12000 DdTemperatureData messages, 1 ms apart, two of the first ten out of order. A dip and
+        # a spike in one time bucket, in either order: in one bucket or both in the later half of a widened one.
         values = [i % 100 + 0.1 for i in range(12000)]
-        values[7777], values[9000] = 5000.0, -300.0
+        for dip, spike in ((2001, 2003), (8005, 8007), (9007, 9005), (11006, 11003)):
+            values[dip], values[spike] = -300.0 - dip, 5000.0 + spike
         lines = [f"{1700000000 + i / 1000:.3f} 1 0x2600 {struct.pack('<24f', v, *[0] * 23).hex()}"
                  for i, v in enumerate(values)]
         lines[3], lines[4] = lines[4], lines[3]
-        log = "\n".join(lines + ["1700000020 1 0x1700 0900000001000000020000002a00000003000000"]).encode()
+        log = "\n".join(lines).encode() + b"\n" + EVENT + BAL
 
         def charts(*args):
             r = run("plot", *args, "-o", "-", stdin=log)
@@ -203,18 +365,22 @@ class Plot(unittest.TestCase):
             page = r.stdout.decode()
             return page, json.loads(re.search(r"var vorlinkCharts = (\[.*?\n\]);", page, re.S).group(1))
 
-        page, (temp, alarm, event) = charts("DdTemperatureData.d1Temp", "AlarmStatusData", "TdEvent")
-        self.assertEqual(temp["series"][0]["points"], 12000)
-        times = [r[0] for r in temp["rows"]]
-        drawn = [r[1] for r in temp["rows"]]
-        self.assertLess(len(drawn), 5000)
-        self.assertEqual(times, sorted(times))
-        self.assertEqual((max(drawn), min(drawn)), (5000, -300))   # no spike lost
-        self.assertLessEqual(set(drawn), set(values))
+        page, (temp, alarm, event, bal) = charts("DdTemperatureData.d1Temp", "AlarmStatusData", "TdEvent", "DdBalChamberData")
+        rows = temp["rows"]
+        self.assertTrue(temp["series"][0]["points"] == 12000 and 1024 <= len(rows) / 2 <= 2048, len(rows))
+        # Each bucket as two rows, at its first and its last message: its minimum and maximum, in their order.
+        covered = []
+        for (first, a), (last, b) in zip(rows[::2], rows[1::2]):
+            bucket = values[first - rows[0][0]:last - rows[0][0] + 1]
+            low, high, covered = min(bucket), max(bucket), covered + bucket
+            self.assertEqual([a, b], [low, high] if bucket.index(low) < bucket.index(high) else [high, low], first)
+        self.assertEqual(covered, values)   # every message in a bucket
         self.assertTrue("Reduced from 12000 points" in page)
         self.assertEqual(alarm["rows"], [])
         self.assertTrue("No points in the selection: alarmState, alarmTop" in page)
         self.assertEqual([r[1:4] + r[4:] for r in event["rows"]], [[9, 1, 2] + [None] * 8])
+        self.assertEqual(([s["bool"] for s in bal["series"]], bal["rows"]),   # bools are drawn as 0/1 steps
+                         ([False] * 3 + [True, False, True, True, True], [[1000, 3, 0, 0.1, 1, 7, 0, 1, 0]]))
         self.assertTrue("No points in the selection: data1_bool, data1_uint32" in page)
 
         page, [temp] = charts("--to", "1700000000.099", "DdTemperatureData.d1Temp")

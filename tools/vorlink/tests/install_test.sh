@@ -10,6 +10,8 @@
 # any: an instrumented library needs an instrumented host.
 set -euo pipefail
 build=$1 work=$2 host_src=$3 cpack=${5:-}
+python=""   # set when the build has the Python module
+[ -d "$build/python/vorlink" ] && python=/usr/bin/python3
 flags=""
 [ -n "$4" ] && flags="-fsanitize=$4"
 rm -rf "$work"
@@ -20,12 +22,13 @@ tool_env=()
 if [ -z "$cpack" ]; then
     prefix=$work/prefix
     cmake --install "$build" --prefix "$prefix" > "$work/install.log"
-    lib=$(find "$prefix" -name 'libVorlink.so.1.*' -type f | head -1)
-    [ -n "$lib" ] || fail "no libVorlink.so.1.* installed"
-    libdir=$(dirname "$lib")
-    [ "$(readlink "$libdir/libVorlink.so.1")" = "$(basename "$lib")" ] || fail "libVorlink.so.1 does not point to $lib"
-    [ "$(readlink "$libdir/libVorlink.so")" = "libVorlink.so.1" ] || fail "libVorlink.so does not point to libVorlink.so.1"
-    objdump -p "$lib" | grep -q 'SONAME *libVorlink.so.1$' || fail "soname is not libVorlink.so.1"
+    lib=$(find "$prefix" -name 'libVorlink.so.*.*.*' -type f | head -1)
+    [ -n "$lib" ] || fail "no libVorlink.so.*.*.* installed"
+    libdir=$(dirname "$lib") version=${lib##*/libVorlink.so.}
+    soname=libVorlink.so.${version%%.*}
+    [ "$(readlink "$libdir/$soname")" = "$(basename "$lib")" ] || fail "$soname does not point to $lib"
+    [ "$(readlink "$libdir/libVorlink.so")" = "$soname" ] || fail "libVorlink.so does not point to $soname"
+    objdump -p "$lib" | grep -q "SONAME *$soname\$" || fail "soname is not $soname"
     for f in include/Vorlink/ZelkoMsgDefs.h include/Vorlink/ZelkoMsgProtoUtils.h include/Vorlink/ZelkoMsgRowList.h \
              include/Vorlink/ZelkoMsgDefs.pb.h include/Vorlink/VorlinkExport.h include/Bytra/Types.h include/Bytra/Can.h \
              share/vorlink/proto/ZelkoMsgDefs.proto bin/vorlink; do
@@ -39,25 +42,34 @@ if [ -z "$cpack" ]; then
             || fail "$(basename "$h") does not compile alone"
     done
 else
-    version=$6-1
+    version=$6-1 major=${6%%.*}
+    runtime=libvorlink$major
     "$cpack" --config "$build/CPackConfig.cmake" -B "$work" > "$work/cpack.log" 2>&1 ||
         { cat "$work/cpack.log"; fail "cpack"; }
     debs=()
-    for p in libvorlink1 libvorlink-dev vorlink-tools; do
+    for p in $runtime libvorlink-dev vorlink-tools ${python:+python3-vorlink}; do
         deb=$(echo "$work/${p}_${version}_"*.deb)
         [ -f "$deb" ] || fail "no $p package of version $version"
         debs+=("$deb")
         dpkg-deb -x "$deb" "$work/root"
     done
     files() { dpkg-deb -c "$1" | awk '$1 !~ /^d/ { sub(/^\.\//, "", $6); print $6 }' | grep -v '^usr/share/doc/' | sort | xargs; }
-    [ "$(files "${debs[0]}")" = "usr/lib/libVorlink.so.1 usr/lib/libVorlink.so.$6" ] || fail "libvorlink1 holds $(files "${debs[0]}")"
+    [ "$(files "${debs[0]}")" = "usr/lib/libVorlink.so.$major usr/lib/libVorlink.so.$6" ] || fail "$runtime holds $(files "${debs[0]}")"
     [ "$(files "${debs[2]}")" = "usr/bin/vorlink" ] || fail "vorlink-tools holds $(files "${debs[2]}")"
     files "${debs[1]}" | grep -q 'usr/share/vorlink/proto/ZelkoMsgDefs.proto' || fail "libvorlink-dev lacks the schema"
-    dpkg-deb -I "${debs[0]}" shlibs | grep -qx "libVorlink 1 libvorlink1 (>= $version)" || fail "libvorlink1 has no shlibs entry"
+    dpkg-deb -I "${debs[0]}" shlibs | grep -qx "libVorlink $major $runtime (>= $version)" || fail "$runtime has no shlibs entry"
+    [ "$(dpkg-deb -I "${debs[0]}" symbols | sed -n 1p)" = "libVorlink.so.$major $runtime #MINVER#" ] || fail "$runtime has no symbols file"
     for deb in "${debs[@]:1}"; do
-        dpkg-deb -f "$deb" Depends | grep -qF "libvorlink1 (= $version)" || fail "$deb does not depend on libvorlink1"
+        dpkg-deb -f "$deb" Depends | grep -qF "$runtime (= $version)" || fail "$deb does not depend on $runtime"
     done
     dpkg-deb -f "${debs[2]}" Depends | grep -q 'libqt5core5a' || fail "no dependencies worked out for vorlink"
+    if [ -n "$python" ]; then
+        files "${debs[3]}" | tr ' ' '\n' | grep -qx 'usr/lib/python3/dist-packages/vorlink/_vorlink.cpython-.*\.so' ||
+            fail "python3-vorlink holds $(files "${debs[3]}")"
+        dpkg-deb -f "${debs[3]}" Depends | grep -q 'python3 (>= 3' || fail "python3-vorlink does not depend on python3"
+        objdump -p "$work/root/usr/lib/python3/dist-packages/vorlink/"_vorlink*.so | grep -q 'R.*PATH' &&
+            fail "the packaged Python extension keeps an RPATH"
+    fi
     prefix=$work/root/usr libdir=$work/root/usr/lib
     objdump -p "$prefix/bin/vorlink" | grep -q 'R.*PATH' && fail "the packaged vorlink keeps an RPATH"
     tool_env=(env LD_LIBRARY_PATH="$libdir")
@@ -92,4 +104,17 @@ proto=${expected%% *}
 tool=$(echo "1700000000.123 7 0x0100 02000000010000003c0000000500" |
     "${tool_env[@]}" "$prefix/bin/vorlink" decode --format binary | od -An -tx1 -v | tr -d ' \n')
 [ "$tool" = "$(printf '%02x' $((${#proto} / 2)))$proto" ] || fail "$prefix/bin/vorlink wrote $tool"
-echo "library, headers, schema, CMake package, pkg-config and tool all work${cpack:+, from the Debian packages}"
+# The Python package, from where the install put it, without the build tree.
+if [ -n "$python" ]; then
+    init=$(find "$prefix" -path '*/dist-packages/vorlink/__init__.py' | head -1)
+    [ -n "$init" ] || fail "no Python package vorlink installed"
+    for f in __init__.pyi records.pyi py.typed records.py; do
+        [ -e "$(dirname "$init")/$f" ] || fail "the Python package lacks $f"
+    done
+    got=$(cd "$work" && PYTHONPATH=$(dirname "$(dirname "$init")") "${tool_env[@]}" "$python" -c "
+import vorlink
+assert vorlink.__file__.startswith('$work'), vorlink.__file__
+print(vorlink.to_protobuf(0x0100, bytes.fromhex('02000000010000003c0000000500'), time=1700000000.123, sequence=7).hex())")
+    [ "$got" = "$proto" ] || fail "the installed Python module wrote '$got'"
+fi
+echo "library, headers, schema, CMake package, pkg-config, tool${python:+ and Python module} all work${cpack:+, from the Debian packages}"

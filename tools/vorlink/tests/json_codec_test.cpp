@@ -4,6 +4,7 @@
 #include "JsonLine.h"
 #include "Dictionary.h"
 #include "JsonCodec.h"
+#include "WireRange.h"
 
 #include "ZelkoMsgDefs.pb.h"
 
@@ -60,9 +61,9 @@ public:
     }
 
     // A schema message with random values, one member or none of each oneof;
-    // its header one a bus log can carry when `loggable`, else any that
-    // protobuf can write, or none.
-    void fill(Message &m, bool loggable)
+    // its header one a bus log can carry and its values ones their wire
+    // fields hold when `loggable`, else any that protobuf can write, or none.
+    void fill(Message &m, bool loggable, const vorlink::RowInfo &row)
     {
         const auto *d = m.GetDescriptor();
         const auto *r = m.GetReflection();
@@ -76,9 +77,20 @@ public:
                     continue;   // none set
                 f = oneof->field(pick);
             }
+            // The wire range of the field, or all of the schema type's.
+            vorlink::WireRange range{std::numeric_limits<qint64>::min(), std::numeric_limits<qint64>::max()};
+            for (const vorlink::WireField &w : row.fields)
+                if (loggable && w.schemaField == f && !w.wireType.empty())
+                    range = vorlink::wireRange(w.type);
+            const auto into = [&](qint64 v) {
+                if (v >= range.min && v <= range.max)
+                    return v;
+                const qint64 n = range.max - range.min + 1;
+                return below(2) ? (below(2) ? range.min : range.max) : range.min + (v % n + n) % n;
+            };
             switch (f->cpp_type()) {
-            case FieldDescriptor::CPPTYPE_UINT32: r->SetUInt32(&m, f, u32()); break;
-            case FieldDescriptor::CPPTYPE_INT32: r->SetInt32(&m, f, i32()); break;
+            case FieldDescriptor::CPPTYPE_UINT32: r->SetUInt32(&m, f, std::uint32_t(into(u32()))); break;
+            case FieldDescriptor::CPPTYPE_INT32: r->SetInt32(&m, f, std::int32_t(into(i32()))); break;
             case FieldDescriptor::CPPTYPE_BOOL: r->SetBool(&m, f, below(2) != 0); break;
             case FieldDescriptor::CPPTYPE_FLOAT: r->SetFloat(&m, f, f32()); break;
             case FieldDescriptor::CPPTYPE_MESSAGE:
@@ -137,7 +149,7 @@ TEST(JsonCodec, AgreesWithProtobufOnEveryRow)
         for (int n = 0; n < 8; ++n) {
             const bool loggable = n % 2 == 0;
             std::unique_ptr<Message> m(row.prototype->New());
-            values.fill(*m, loggable);
+            values.fill(*m, loggable, row);
             if (loggable)
                 dynamic_cast<zelko::messages::Header &>(*m->GetReflection()->MutableMessage(m.get(), row.descriptor->field(0)))
                     .set_msgid(row.id);

@@ -2,6 +2,7 @@
 
 #include "JsonLine.h"
 #include "Dictionary.h"
+#include "JsonCodec.h"
 
 #include <gtest/gtest.h>
 
@@ -22,6 +23,9 @@ TEST(BusLogLine, ReadsEveryFieldInItsWrittenForms)
         {"0.05 0 a0 -", 50, 0, 0x00A0, ""},
         {"1 1 0X0000", 1000, 1, 0, ""}, // no payload: empty, not the earlier line's
         {"253402300799.999 1 0x0000 -", vorlink::maxBusLogMsecs, 1, 0, ""},
+        // Micro- and nanoseconds are read, and kept to the millisecond.
+        {"1700000000.123456 1 0x0000 -", 1700000000123LL, 1, 0, ""},
+        {"1.999999999 1 0x0000 -", 1999, 1, 0, ""},
     };
     BusLogEntry e;
     e.payload = "earlier";
@@ -38,12 +42,13 @@ TEST(BusLogLine, ReadsEveryFieldInItsWrittenForms)
 
 TEST(BusLogLine, SaysWhatIsWrongWithABadLine)
 {
-    const std::string time = " is not seconds since 1970 (0 to 253402300799.999, up to 3 decimals)";
+    const std::string time = " is not seconds since 1970 (0 to 253402300799.999, up to 9 decimals)";
     const std::string sequence = " is not a decimal number from 0 to 65535";
     const std::string id = " is not a hexadecimal number from 0x0000 to 0xFFFF";
     const std::pair<std::string, std::string> cases[] = {
         {"yesterday 1 0x0100 00", "time 'yesterday'" + time},
-        {"1.1234 1 0x0100 00", "time '1.1234'" + time},
+        {"1.1234567890 1 0x0100 00", "time '1.1234567890'" + time},
+        {"1.12345678x 1 0x0100 00", "time '1.12345678x'" + time},
         {"1. 1 0x0000 -", "time '1.'" + time},
         {"-1.5 1 0x0100 00", "time '-1.5'" + time},
         {"253402300800 1 0x0000 -", "time '253402300800'" + time},
@@ -129,7 +134,7 @@ TEST(JsonLine, GivesTheWireBytesOfTheSchemaMessage)
     EXPECT_EQ(same.msecs, e.msecs);
     EXPECT_EQ(same.sequence, e.sequence);
 
-    // Fields left out are 0; a bool comes back as 1; a U08 keeps its low bits.
+    // Fields left out are 0; a bool comes back as 1.
     ASSERT_TRUE(parseJsonLine(R"({"header":{"timestamp":"1970-01-01T00:00:00Z","msgId":512},"almClrTopOnly":true,"alarm":3})", e).isMessage());
     EXPECT_EQ(e.payload, QByteArray::fromHex("03000000" + QByteArray(48, '0') + "01000000"));
     EXPECT_EQ(e.msecs, 0);
@@ -145,7 +150,13 @@ TEST(JsonLine, RejectsWhatIsNotAMessageOfTheDictionary)
         EXPECT_EQ(r.reason.find('\n'), std::string::npos);
         return r.reason;
     };
-    EXPECT_NE(reason("not json").find("not a JSON object"), std::string::npos);
+    EXPECT_EQ(reason("not json"), "not JSON: Invalid value. (at byte 2)");
+    // Well-formed JSON only, where protobuf's parser takes a trailing comma
+    // and the last of two members.
+    EXPECT_EQ(reason(R"({"header":{"timestamp":"1970-01-01T00:00:00Z","msgId":256},"alarmState":2,})"),
+              "not JSON: Missing a name for object member. (at byte 75)");
+    EXPECT_EQ(reason(R"({"header":{"timestamp":"1970-01-01T00:00:00Z","msgId":256,"msgId":256}})"),
+              "not JSON: the member \"msgId\" is given twice in one object");
     EXPECT_NE(reason("[1,2]").find("not a JSON object"), std::string::npos);
     EXPECT_NE(reason(R"({"alarmState":2})").find("no \"header\""), std::string::npos);
     EXPECT_NE(reason(R"({"header":{"timestamp":"1970-01-01T00:00:00Z","msgId":1}})").find("unknown message id 0x0001"), std::string::npos);
@@ -164,4 +175,40 @@ TEST(JsonLine, RejectsWhatIsNotAMessageOfTheDictionary)
           R"({"header":{"timestamp":"1970-01-01T00:00:00Z","msgId":5888},"data1_bool":true,"data1_float":1})",
           std::string(R"({"header":{"timestamp":"1970-01-01T00:00:00Z","msgId":256}})") + '\0' + "x"})
         EXPECT_EQ(parseJsonLine(line, e).kind, LineResult::Error) << line;
+}
+
+// A value goes to the bus only whole: one its wire field cannot hold is
+// refused, naming the field and the range, on the fast path's shapes and on
+// protobuf's (a number as a string) alike.
+TEST(JsonLine, RefusesWhatTheWireFieldCannotHold)
+{
+    struct Case { unsigned id; const char *field, *fits, *tooBig; const char *range; };
+    const Case cases[] = {
+        {0x4BA0, "command", "255", "256", "U08 (0 to 255)"},
+        {0x0100, "alarmsFlags", "65535", "65536", "U16 (0 to 65535)"},
+        {0x2B00, "currentPos", "32767", "32768", "S16 (-32768 to 32767)"},
+        {0x2B00, "currentPos", "-32768", "-32769", "S16 (-32768 to 32767)"},
+        {0x0100, "alarmState", "4294967295", nullptr, nullptr},
+        {0x1100, "h4SetFlowRate", "-2147483648", nullptr, nullptr},
+    };
+    const auto line = [](unsigned id, const std::string &member) {
+        return R"({"header":{"timestamp":"1970-01-01T00:00:00Z","msgId":)" + std::to_string(id) + "}," + member + "}";
+    };
+    for (const Case &c : cases) {
+        const std::string name = std::string("\"") + c.field + "\":";
+        for (const std::string &quote : {"", "\""}) {
+            BusLogEntry e;
+            EXPECT_TRUE(parseJsonLine(line(c.id, name + quote + c.fits + quote), e).isMessage()) << c.field << c.fits;
+            if (c.tooBig == nullptr)
+                continue;
+            const LineResult r = parseJsonLine(line(c.id, name + quote + c.tooBig + quote), e);
+            EXPECT_EQ(r.reason, std::string(c.field) + ": " + c.tooBig + " does not fit " + c.range);
+            EXPECT_STREQ(r.cause, "value out of range");
+        }
+    }
+    // Past 64 bits: the fast reader leaves the line to protobuf, which refuses it.
+    BusLogEntry e;
+    const std::string huge = line(0x0300, R"("alarmName":99999999999999999999)");
+    EXPECT_FALSE(vorlink::readJsonLineFast(huge, e));
+    EXPECT_EQ(parseJsonLine(huge, e).kind, LineResult::Error);
 }

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Opens a page of `vorlink plot` in headless Chromium, offline: the page must run
 without a script error, show every requested field in its chart's legend, draw
-the series on the canvas and zoom all charts together. Exits 77 (skipped) only
-when chromium is missing."""
+the series on the canvas, bool fields as steps, and zoom all charts together.
+Exits 77 (skipped) only when chromium is missing."""
 
 import json
 import os
@@ -36,7 +36,10 @@ vorlinkGraphs[0].updateOptions({dateWindow: zoom});
 var zoomed = vorlinkGraphs.map(function (g) { return g.xAxisRange().join(' ') == zoom.join(' '); });
 var pre = document.createElement('pre');
 pre.id = 'report';
-pre.textContent = JSON.stringify({errors: errors, charts: charts, zoomed: zoomed});
+var steps = vorlinkGraphs.map(function (g) {   // the series drawn as steps
+  return g.getLabels().slice(1).filter(function (name) { return g.getOption('stepPlot', name); });
+});
+pre.textContent = JSON.stringify({errors: errors, charts: charts, zoomed: zoomed, steps: steps});
 document.body.appendChild(pre);
 </script>"""
 
@@ -63,10 +66,12 @@ def main():
                             "--user-data-dir=" + os.path.join(tmp, "profile"), "--enable-logging=stderr", "--v=0",
                             "--window-size=1200,1600", "--virtual-time-budget=5000", "--dump-dom",
                             "file://" + page], capture_output=True, text=True, timeout=120)
-        fields = {}
+        fields, bools = {}, []
         for name in ("TdAlarmInformationData", "TdEvent"):
             listing = subprocess.run([tool, "list", name], capture_output=True, text=True, check=True).stdout
-            fields[name] = [l.split()[2] for l in listing.splitlines()[1:]]
+            fields[name] = [l.split()[2].split(".", 1)[1] for l in listing.splitlines()[1:]]
+            bools.append([l.split()[2].split(".", 1)[1] for l in listing.splitlines()[1:]
+                          if l.split()[3].startswith("bool")])
 
     found = re.search(r'<pre id="report">(.*?)</pre>', r.stdout, re.S)
     uncaught = ["console: " + l for l in r.stderr.splitlines() if "Uncaught" in l]
@@ -77,6 +82,8 @@ def main():
         failures += ["script error: " + e for e in report["errors"]]
         if report["zoomed"] != [True] * 3:
             failures.append(f"zooming the first chart zoomed {report['zoomed']}")
+        if report["steps"] != [[], *bools]:
+            failures.append(f"series drawn as steps: {report['steps']}, expected the bool fields {bools}")
         want = {"DdTemperatureData": ["d1Temp", "boardTemp"], **fields}
         got = {c["title"]: c for c in report["charts"]}
         if sorted(got) != sorted(want):

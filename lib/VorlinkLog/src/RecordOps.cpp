@@ -10,7 +10,6 @@
 #include <type_traits>
 
 namespace vorlink {
-namespace python {
 namespace {
 
 constexpr std::size_t alignUp(std::size_t n, std::size_t a) { return (n + a - 1) / a * a; }
@@ -130,5 +129,4 @@ int rowOfId(std::uint16_t id)
     return index < wireRowCount && wireRows[index].id == id ? int(index) : -1;
 }
 
-} // namespace python
 } // namespace vorlink

@@ -1,7 +1,7 @@
 #pragma once
 
 // The typed operations of every row's record, reached by the row's index in
-// vorlink::wireRows. A record is held in plain storage of its own size
+// vorlink::wireRows (RowInfo::record holds the row's). A record is held in plain storage of its own size
 // (recordStorage); its fields sit at the places recordOffset gives, which
 // follow from the wire table and the wire types' sizes (checked against every
 // record class when this is compiled).
@@ -14,7 +14,6 @@
 #include <cstdint>
 
 namespace vorlink {
-namespace python {
 
 struct RecordOps
 {
@@ -45,5 +44,4 @@ struct alignas(8) RecordStorage
 // The index in wireRows of the row with this id, or -1.
 int rowOfId(std::uint16_t id);
 
-} // namespace python
 } // namespace vorlink

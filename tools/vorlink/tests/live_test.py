@@ -1,0 +1,325 @@
+#!/usr/bin/env python3
+"""The vorlink tool at a running machine: lines written out as they come
+through a pipe, the order of good and rejected lines, a signal in the middle
+of a run, --follow across appends, truncation and rotation, and the monitor
+driven in tmux."""
+
+import argparse, os, re, shutil, signal, subprocess, sys, tempfile, threading, time, unittest
+
+TOOL = None
+SANITIZED = False
+ENV = dict(os.environ, TZ="UTC")
+ALARM = "{t:.3f} {s} 0x0100 {a:02x}000000010000003c0000000500\n"   # AlarmStatusData, alarmState=a
+EVENT = "{t:.3f} {s} 0x1700 0900000001000000020000002a00000003000000\n"
+
+
+def alarm(i, t=1700000000.0, step=0.001):
+    return ALARM.format(t=t + i * step, s=i % 65536, a=i % 256)
+
+
+class Reader(threading.Thread):
+    """Reads a stream as it comes, keeping each chunk's arrival time."""
+
+    def __init__(self, stream):
+        super().__init__(daemon=True)
+        self.stream, self.chunks, self.lock = stream, [], threading.Lock()
+        self.start()
+
+    def run(self):
+        while chunk := os.read(self.stream.fileno(), 65536):
+            with self.lock:
+                self.chunks.append((time.monotonic(), chunk))
+
+    def data(self):
+        with self.lock:
+            return b"".join(c for _, c in self.chunks)
+
+    def arrival(self, size):
+        """When the first `size` bytes had all come, or None."""
+        with self.lock:
+            total = 0
+            for at, chunk in self.chunks:
+                total += len(chunk)
+                if total >= size:
+                    return at
+        return None
+
+
+def wait_for(check, seconds):
+    end = time.monotonic() + seconds
+    while time.monotonic() < end:
+        if check():
+            return True
+        time.sleep(0.005)
+    return check()
+
+
+def binary_sizes(data):
+    """Sizes of the whole records of a length-delimited stream, each with its varint."""
+    sizes, at = [], 0
+    while at < len(data):
+        size = shift = 0
+        start = at
+        while at < len(data):
+            size |= (data[at] & 0x7F) << shift
+            shift += 7
+            at += 1
+            if not data[at - 1] & 0x80:
+                break
+        if at + size > len(data):
+            break
+        at += size
+        sizes.append(at - start)
+    return sizes
+
+
+class AsItComes(unittest.TestCase):
+    def latencies(self, args, lines, unit):
+        """Sends `lines` one at a time through a pipe, 150 ms apart, and gives
+        how long each one's output took to come, in seconds (None: not before
+        the input ended). `unit(data)` is the bytes of output of each whole
+        line in `data`. The first line waits for the tool to start."""
+        p = subprocess.Popen([TOOL, *args], stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
+                             env=ENV)
+        out = Reader(p.stdout)
+        took = []
+        try:
+            for n, line in enumerate(lines):
+                sent = time.monotonic()
+                os.write(p.stdin.fileno(), line.encode())
+                if n == 0:
+                    wait_for(lambda: out.data(), 30)
+                    continue
+                wait_for(lambda: len(unit(out.data())) > n, 0.6)
+                ends = unit(out.data())
+                took.append(out.arrival(sum(ends[:n + 1])) - sent if len(ends) > n else None)
+                time.sleep(0.15)
+        finally:
+            p.stdin.close()
+            p.wait(timeout=60)
+            out.join(10)
+            p.stdout.close()
+        return took
+
+    def test_each_line_is_written_within_100_ms(self):
+        lines = [alarm(i) if i % 3 else EVENT.format(t=1700000000 + i, s=i) for i in range(7)]
+        as_lines = lambda data: [len(l) for l in data.splitlines(True) if l.endswith(b"\n")]
+        blocks = lambda data: [len(b) + 2 for b in data.split(b"\n\n")[:-1]]
+        json_lines = subprocess.run([TOOL, "decode", "--format", "json"], input="".join(lines).encode(),
+                                    capture_output=True).stdout.decode().splitlines(True)
+        cases = [(["decode"], lines, as_lines), (["decode", "--format", "json"], lines, as_lines),
+                 (["decode", "--format", "text"], lines, blocks), (["decode", "--format", "binary"], lines, binary_sizes),
+                 (["decode", "--format", "csv", "--message", "AlarmStatusData"],   # its header row first
+                  [EVENT.format(t=1, s=1)] + [alarm(i) for i in range(6)], as_lines),
+                 (["decode", "--message", "Td"], [EVENT.format(t=1, s=1)] * 6, as_lines),
+                 (["encode"], json_lines, as_lines)]
+        for args, sent, unit in cases:
+            # A busy machine may hold a line up now and then: the best of three
+            # tries counts. A tool that keeps its output until the input ends
+            # fails all three.
+            tries = [self.latencies(args, sent, unit) for _ in range(3)]
+            best = min(tries, key=lambda t: max(x if x is not None else 99 for x in t))
+            print(f"{' '.join(args)}: {max(x if x is not None else 99 for x in best) * 1000:.1f} ms at most",
+                  file=sys.stderr)
+            self.assertTrue(all(x is not None and x < 0.1 for x in best), (args, tries))
+
+    def test_rejected_lines_keep_their_place_among_the_good(self):
+        log = alarm(1) + "1 1 0x0001 00\n" + alarm(2) + "x\n" + alarm(3)
+        r = subprocess.run([TOOL, "decode", "-"], input=log.encode(), stdout=subprocess.PIPE,
+                           stderr=subprocess.STDOUT, env=ENV)
+        kinds = [l.split()[1] if l[0].isdigit() else l for l in r.stdout.decode().splitlines()]
+        self.assertEqual(kinds, ["0x0100", "<stdin>:2: unknown message id 0x0001", "0x0100",
+                                 "<stdin>:4: time 'x' is not seconds since 1970 (0 to 253402300799.999, up to 9 decimals)",
+                                 "0x0100", "vorlink decode: 2 lines rejected"])
+
+
+class Stopping(unittest.TestCase):
+    def test_a_signal_keeps_what_was_converted(self):
+        # Lines read from a pipe that stays open, then a signal: the table of
+        # what was counted, and 128 + the signal's number.
+        for sig in (signal.SIGINT, signal.SIGHUP):
+            p = subprocess.Popen([TOOL, "stats"], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                 stderr=subprocess.PIPE, env=ENV)
+            p.stdin.write("".join(alarm(i) for i in range(10)).encode())
+            p.stdin.flush()
+            time.sleep(0.5 if not SANITIZED else 2)
+            p.send_signal(sig)
+            try:
+                p.wait(timeout=30)   # with its input still open: the signal alone ends the wait
+            finally:
+                p.kill()
+            out, err = p.communicate()
+            self.assertEqual(p.returncode, 128 + sig)
+            self.assertIn(b"10 messages of 1 type", out)
+            self.assertEqual(err.decode(), f"vorlink stats: stopped by {signal.Signals(sig).name}\n")
+        # In the middle of a long file: everything converted is written, in
+        # whole messages, and nothing else.
+        with tempfile.TemporaryDirectory() as tmp:
+            log = os.path.join(tmp, "big.log")
+            with open(log, "wb") as f:
+                subprocess.run([TOOL, "synth", "--count", "400000", "--seed", "5"], stdout=f, check=True)
+            whole = subprocess.run([TOOL, "decode", "--format", "text", log], capture_output=True).stdout
+            p = subprocess.Popen([TOOL, "decode", "--format", "text", log], stdout=subprocess.PIPE,
+                                 stderr=subprocess.PIPE, env=ENV)
+            out = Reader(p.stdout)
+            wait_for(lambda: len(out.data()) > 0, 60)
+            p.send_signal(signal.SIGTERM)
+            p.wait(timeout=60)
+            out.join(10)
+            p.stdout.close()
+            written = out.data()
+            with p.stderr:
+                self.assertEqual((p.returncode, p.stderr.read()), (143, b"vorlink decode: stopped by SIGTERM\n"))
+            self.assertTrue(0 < len(written) < len(whole))
+            self.assertEqual(written, whole[:len(written)])
+            self.assertTrue(written.endswith(b"\n\n"))
+
+
+class Follow(unittest.TestCase):
+    def test_appends_truncation_and_rotation(self):
+        with tempfile.TemporaryDirectory() as tmp:
+            log = os.path.join(tmp, "bus.log")
+            with open(log, "w") as f:
+                f.write(alarm(1) + alarm(2))
+            p = subprocess.Popen([TOOL, "decode", "--follow", log], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                 env=ENV)
+            self.addCleanup(p.kill)   # a follower never ends by itself
+            out, err = Reader(p.stdout), Reader(p.stderr)
+            count = lambda: len(out.data().splitlines())
+
+            def append(text):
+                with open(log, "a") as f:
+                    f.write(text)
+
+            self.assertTrue(wait_for(lambda: count() == 2, 30))
+            append(alarm(3) + alarm(4)[:12])                      # a partial line waits for its newline
+            self.assertTrue(wait_for(lambda: count() == 3, 5))
+            time.sleep(0.3)
+            self.assertEqual(count(), 3)
+            append(alarm(4)[12:])
+            self.assertTrue(wait_for(lambda: count() == 4, 5))
+            with open(log, "w") as f:                             # truncated in place
+                f.write(alarm(5))
+            self.assertTrue(wait_for(lambda: count() == 5, 5))
+            with open(log + ".new", "w") as f:                    # replaced, as a rotation does
+                f.write("bad line\n" + alarm(6))
+            os.rename(log + ".new", log)
+            self.assertTrue(wait_for(lambda: count() == 6, 5))
+            p.send_signal(signal.SIGINT)
+            p.wait(timeout=30)
+            out.join(10), err.join(10)
+            p.stdout.close(), p.stderr.close()
+            self.assertEqual(p.returncode, 130)
+            self.assertEqual([l.split(" ", 3)[3][:13] for l in out.data().decode().splitlines()],
+                             [f"alarmState={i}," for i in range(1, 7)])
+            self.assertEqual(err.data().decode().splitlines(), [
+                f"vorlink: {log}: truncated; reading it again from its start",
+                f"vorlink: {log}: replaced; reading the new file from its start",
+                f"{log}:1: time 'bad' is not seconds since 1970 (0 to 253402300799.999, up to 9 decimals)",
+                "vorlink decode: 1 line rejected", "vorlink decode: stopped by SIGINT"])
+
+    def test_misuse(self):
+        for args, words in ((["decode", "--follow", "-"], "--follow reads a FILE"),
+                            (["monitor", "/dev/null"], "use 'vorlink decode'")):
+            r = subprocess.run([TOOL, *args], capture_output=True, stdin=subprocess.DEVNULL)
+            self.assertEqual((r.returncode, r.stdout), (2, b""), args)
+            self.assertIn(words, r.stderr.decode(), args)
+
+
+@unittest.skipUnless(shutil.which("tmux"), "tmux is not installed")
+class Monitor(unittest.TestCase):
+    def setUp(self):
+        self.tmp = tempfile.mkdtemp()
+        self.session = f"vorlink-live-{os.getpid()}"
+        self.log = os.path.join(self.tmp, "bus.log")
+        self.status = os.path.join(self.tmp, "status")
+        open(self.log, "w").close()
+
+    def tearDown(self):
+        subprocess.run(["tmux", "kill-session", "-t", self.session], capture_output=True)
+        shutil.rmtree(self.tmp)
+
+    def tmux(self, *args):
+        return subprocess.run(["tmux", *args], capture_output=True, text=True, check=True).stdout
+
+    def screen(self):
+        return self.tmux("capture-pane", "-p", "-t", self.session)
+
+    def test_live_table_keys_and_pace(self):
+        command = f"{TOOL} monitor --follow {self.log}; echo $? > {self.status}; sleep 60"
+        self.tmux("new-session", "-d", "-s", self.session, "-x", "150", "-y", "40", "-e", "TZ=UTC", command)
+        self.assertTrue(wait_for(lambda: "vorlink monitor" in self.screen(), 30), self.screen())
+        shell = int(self.tmux("display", "-p", "-t", self.session, "#{pane_pid}"))
+        with open(f"/proc/{shell}/task/{shell}/children") as f:
+            monitor = int(f.read().split()[0])
+
+        def cpu_seconds():
+            with open(f"/proc/{monitor}/stat") as f:
+                fields = f.read().rsplit(")", 1)[1].split()
+            return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+        # 10,000 messages a second for 3 s: nine of ten AlarmStatusData, one
+        # TdEvent; the log's time is the wall clock's.
+        start, cpu, written, lag = time.time(), cpu_seconds(), 0, []
+        with open(self.log, "a") as f:
+            while written < 30000:
+                due = int((time.time() - start) * 10000)
+                if due > written:
+                    f.write("".join(alarm(i, start, 0.0001) if i % 10 else EVENT.format(t=start + i / 10000, s=i)
+                                    for i in range(written, min(due, 30000))))
+                    f.flush()
+                    written = min(due, 30000)
+                if written % 5000 < 100:   # now and then, how far the screen is behind
+                    seen = re.search(r"(\d+) messages of", self.screen())
+                    lag.append(written - int(seen.group(1)) if seen else written)
+                time.sleep(0.002)
+        busy = cpu_seconds() - cpu
+        wall = time.time() - start
+        print(f"monitor at 10,000 messages a second: {busy / wall:.0%} of a core; behind by {lag} messages",
+              file=sys.stderr)
+        self.assertTrue(wait_for(lambda: "30000 messages of 2 types" in self.screen(), 2), self.screen())
+        # Keeping up: never more than half a second of messages behind (a
+        # screen refresh is due every 100 ms), and less than half of a core.
+        self.assertLess(max(lag), 5000, lag)
+        self.assertLess(busy / wall, 0.5 if not SANITIZED else 1.0, (busy, wall))
+        rows = self.screen().splitlines()
+        alarm_row = next(i for i, r in enumerate(rows) if r.startswith("0x0100"))
+        # Rates over the last 5 s of log time, which the 3 s of messages fill in part.
+        self.assertRegex(rows[alarm_row], r"^0x0100  AlarmStatusData +27000 +\d+\.\d\d +\d+\.\d$")
+        self.assertEqual(rows[alarm_row + 1].split(), ["AlarmStatusDataPayload:", f"alarmState={29999 % 256},",
+                                                       "alarmTop=1,", "silenceExpiresIn=60,", "alarmsFlags=5"])
+        event = rows[alarm_row + 2].split()
+        self.assertEqual(event[:3], ["0x1700", "TdEvent", "3000"])
+        self.assertTrue(800 < float(event[3]) < 1100 and 0 <= float(event[4]) < 2, event)
+        self.assertAlmostEqual(float(rows[alarm_row].split()[3]) / float(event[3]), 9, delta=0.1)
+
+        # A long dump line wraps to the pane's width; a rejected line is
+        # counted by cause and shown.
+        with open(self.log, "a") as f:
+            f.write(f"{time.time():.3f} 1 0x2600 " + "0000c03f" * 24 + "\nnonsense\n")
+        self.assertTrue(wait_for(lambda: "rejected 1: bad time 1" in self.screen(), 2), self.screen())
+        self.assertIn(f"last: {self.log}:30002: time 'nonsense' is not seconds", self.screen())
+        rows = self.screen().splitlines()
+        temp = next(i for i, r in enumerate(rows) if r.startswith("0x2600"))
+        dump = [r.strip() for r in rows[temp + 1:temp + 4]]
+        self.assertTrue(dump[0].startswith("DdTemperatureDataPayload: d1Temp=1.5,") and dump[1].startswith("d"), rows)
+        self.assertEqual(" ".join(dump).count("=1.5"), 24)
+        self.assertTrue(all(len(r) <= 150 for r in rows))
+
+        self.tmux("send-keys", "-t", self.session, "/", "tdev")
+        self.tmux("send-keys", "-t", self.session, "Enter")
+        self.assertTrue(wait_for(lambda: "filter: tdev" in self.screen(), 2), self.screen())
+        self.assertEqual([r[:6] for r in self.screen().splitlines()[4:] if r.startswith("0x")], ["0x1700"])
+        self.tmux("send-keys", "-t", self.session, "q")
+        self.assertTrue(wait_for(lambda: os.path.exists(self.status) and os.path.getsize(self.status) > 0, 5))
+        with open(self.status) as f:
+            self.assertEqual(f.read(), "0\n")
+
+
+if __name__ == "__main__":
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--tool", required=True)
+    parser.add_argument("--sanitize", default="", help="the sanitizers the tool was built with, if any")
+    options, rest = parser.parse_known_args()
+    TOOL, SANITIZED = os.path.abspath(options.tool), bool(options.sanitize)
+    unittest.main(argv=[sys.argv[0], *rest], verbosity=2)
