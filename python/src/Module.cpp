@@ -177,4 +177,5 @@ PYBIND11_MODULE(_vorlink, m)
     vorlink::python::addDictionary(m);
     vorlink::python::addRecords(m);
     vorlink::python::addLogging(m);
+    vorlink::python::addLogs(m);
 }

@@ -65,6 +65,7 @@ private:
 void addDictionary(py::module_ &m);
 void addRecords(py::module_ &m);
 void addLogging(py::module_ &m);
+void addLogs(py::module_ &m);
 
 } // namespace python
 } // namespace vorlink

@@ -21,6 +21,7 @@ from .records import Record
 
 __version__ = "1.0.0"
 __all__ = ["decode", "encode", "to_protobuf", "from_protobuf", "read_header", "message", "messages",
+           "read_log", "Log", "LogError",
            "MessageType", "Field", "Envelope", "Record", "PayloadTooShort", "records", "logger"]
 
 logger = _logging.getLogger("vorlink")
@@ -180,3 +181,6 @@ def read_header(data):
     has_time, seconds, nanos, sequence, msg_id = _vorlink._read_header(data)
     time = _EPOCH + _datetime.timedelta(seconds=seconds, microseconds=nanos // 1000) if has_time else None
     return Envelope(time, sequence, msg_id)
+
+
+from .logs import Log, LogError, read_log  # noqa: E402  (needs message() above)

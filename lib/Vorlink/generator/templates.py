@@ -322,6 +322,7 @@ from typing import Any, Literal, Mapping, NamedTuple, Sequence, overload
 import numpy
 
 from . import records as records
+from .logs import Log as Log, LogError as LogError, read_log as read_log
 from .records import Record as Record
 
 _Buffer = bytes | bytearray | memoryview

@@ -1,0 +1,162 @@
+"""Bus logs into pandas: the Python module's log reading against the tool on
+the same file, python-can with canmatrix as the peer, and the scaling of two
+threads and of a two-worker Dask cluster. Each job runs in a fresh process
+(best of RUNS), so its peak RSS is its own. Prints a Markdown table.
+
+    bench/python --logs [--count N] [--runs R] [--peer-lines N]
+"""
+import argparse, json, os, platform, subprocess, tempfile, time
+
+ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+PY = "/usr/bin/python3"
+ONE = "DdTemperatureData"
+
+
+def peak_of(code, env):
+    """Peak RSS of a fresh interpreter that runs `code`, in MB."""
+    out = subprocess.run([PY, "-c", code + "\nimport resource; print(resource.getrusage(resource.RUSAGE_SELF).ru_maxrss)"],
+                         env=env, check=True, capture_output=True, text=True).stdout
+    return int(out.split()[-1]) / 1024
+
+
+def best(code, env, runs):
+    results = [json.loads(subprocess.run([PY, "-c", code], env=env, check=True, capture_output=True,
+                                         text=True).stdout.strip().splitlines()[-1]) for _ in range(runs)]
+    return min(results, key=lambda r: r["seconds"])
+
+
+def timed_tool(args, runs):
+    times = []
+    for _ in range(runs):
+        start = time.perf_counter()
+        subprocess.run(args, stdout=subprocess.DEVNULL, check=True)
+        times.append(time.perf_counter() - start)
+    return min(times)
+
+
+# Jobs of one reader run on one core; the scaling jobs get both.
+PRELUDE = "import json, os, time, vorlink\nos.sched_setaffinity(0, {0})\n"
+BOTH = "import json, os, time, vorlink\nos.sched_setaffinity(0, {0, 1})\n"
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--build", default=os.environ.get("BUILD_DIR", os.path.join(ROOT, "build")))
+    parser.add_argument("--count", type=int, default=1_000_000)
+    parser.add_argument("--runs", type=int, default=3)
+    parser.add_argument("--peer-lines", type=int, default=20_000)
+    args = parser.parse_args()
+    tool = os.path.join(args.build, "tools", "vorlink", "vorlink")
+    env = dict(os.environ, PYTHONPATH=os.path.join(args.build, "python"))
+    work = tempfile.mkdtemp(prefix="vorlink-bench-")
+    log = os.path.join(work, "synth.log")
+    with open(log, "wb") as f:
+        subprocess.run([tool, "synth", "--count", str(args.count), "--seed", "3"], stdout=f, check=True)
+    with open(log, "rb") as f:
+        while f.read(1 << 24):
+            pass
+    rows = []
+
+    # Every type, and one type, against the tool on the same file.
+    binary = timed_tool([tool, "decode", "--format", "binary", "--no-progress", log], args.runs)
+    csv = timed_tool([tool, "decode", "--format", "csv", "--message", ONE, "--no-progress", log], args.runs)
+    base = PRELUDE + "import pandas\n"
+    floor_mb = peak_of(base, env)
+    every = best(base + f"""
+t = time.perf_counter(); log = vorlink.read_log({log!r}); tables = log.tables(); s = time.perf_counter() - t
+print(json.dumps({{"seconds": s, "values_mb": log._log.value_bytes / 2**20, "held_mb": log._log.held_bytes / 2**20}}))
+""", env, args.runs)
+    every["rss_mb"] = peak_of(base + f"log = vorlink.read_log({log!r}); tables = log.tables()", env)
+    one = best(base + f"""
+t = time.perf_counter(); log = vorlink.read_log({log!r}, message={ONE!r}); table = log.table({ONE!r})
+s = time.perf_counter() - t
+print(json.dumps({{"seconds": s, "values_mb": log._log.value_bytes / 2**20, "rows": len(table)}}))
+""", env, args.runs)
+    one["rss_mb"] = peak_of(base + f"log = vorlink.read_log({log!r}, message={ONE!r}); t = log.table({ONE!r})", env)
+    rows.append(("`read_log(path).tables()`", every["seconds"], f"{every['seconds'] / binary:.2f}× `decode --format binary` ({binary:.2f} s)",
+                 "≤ 1.3×", every["seconds"] / binary <= 1.3, every["rss_mb"],
+                 f"columns {every['values_mb']:.1f} MB, buffers {every['held_mb']:.1f} MB, "
+                 f"RSS above `import vorlink, pandas` ({floor_mb:.0f} MB): {(every['rss_mb'] - floor_mb) / every['values_mb']:.2f}× the columns"))
+    rows.append((f"`read_log(path, message=\"{ONE}\").table(...)`", one["seconds"],
+                 f"{one['seconds'] / csv:.2f}× `decode --format csv --message {ONE}` ({csv:.2f} s)", "≤ 1×",
+                 one["seconds"] <= csv, one["rss_mb"], f"{one['rows']} rows, columns {one['values_mb']:.2f} MB"))
+
+    # The peer: python-can reads candump lines, canmatrix decodes each frame.
+    candump = os.path.join(work, "candump.log")
+    with open(log) as src, open(candump, "w") as out:
+        for k, line in enumerate(line for line in src if not line.startswith("#")):
+            if k == args.peer_lines:
+                break
+            t, _, id, payload = line.split()
+            out.write(f"({t}) can0 {int(id, 16):04X}##0{'' if payload == '-' else payload.upper()}\n")
+    peer = best(PRELUDE + f"""
+import can, canmatrix
+frames = {{}}
+for mt in vorlink.messages():
+    frame = canmatrix.Frame(mt.name, size=mt.payload_size)
+    for f in mt.fields:
+        frame.add_signal(canmatrix.Signal(f.name, start_bit=f.offset * 8, size=f.size * 8, is_little_endian=True,
+                                          is_signed=f.wire_type[0] == "S" or f.wire_type == "F32",
+                                          is_float=f.wire_type == "F32"))
+    frames[mt.id] = frame
+t = time.perf_counter(); n = 0
+for msg in can.CanutilsLogReader({candump!r}):
+    frames[msg.arbitration_id].decode(bytes(msg.data)); n += 1
+s = time.perf_counter() - t
+print(json.dumps({{"seconds": s, "n": n}}))
+""", env, 1)
+    per_message = peer["seconds"] / peer["n"]
+    ours_per_message = every["seconds"] / args.count
+    rows.append((f"python-can `CanutilsLogReader` + canmatrix decode ({peer['n']:,} candump lines)", peer["seconds"],
+                 f"{per_message * 1e6:.1f} µs a message: {per_message / ours_per_message:.0f}× `read_log`'s "
+                 f"{ours_per_message * 1e9:.0f} ns", "peer (≥ 50× slower expected)",
+                 per_message / ours_per_message >= 50, None, f"projected to {args.count:,} messages: "
+                                                             f"{per_message * args.count:.0f} s"))
+
+    # Two files on two threads against one after the other.
+    copy = os.path.join(work, "synth2.log")
+    os.link(log, copy)
+    threads = best(BOTH + f"""
+import threading
+def read(p): vorlink.read_log(p).tables()
+t = time.perf_counter(); read({log!r}); read({copy!r}); serial = time.perf_counter() - t
+t = time.perf_counter()
+workers = [threading.Thread(target=read, args=(p,)) for p in ({log!r}, {copy!r})]
+[w.start() for w in workers]; [w.join() for w in workers]
+print(json.dumps({{"seconds": time.perf_counter() - t, "serial": serial}}))
+""", env, args.runs)
+    rows.append(("two files on two threads", threads["seconds"],
+                 f"{threads['serial'] / threads['seconds']:.2f}× one thread ({threads['serial']:.2f} s)", "≥ 1.8×",
+                 threads["serial"] / threads["seconds"] >= 1.8, None, "read_log releases the GIL while it reads"))
+
+    # A fleet: 8 files, one message type, a groupby per file, on 1 and 2 process workers.
+    fleet = os.path.join(work, "fleet")
+    os.mkdir(fleet)
+    for k in range(8):
+        os.link(log, os.path.join(fleet, f"machine{k}.log"))
+    times = {}
+    for workers in (1, 2):
+        times[workers] = best(BOTH + f"""
+import distributed, vorlink.dask
+with distributed.LocalCluster(n_workers={workers}, threads_per_worker=1, processes=True,
+                              dashboard_address=None) as cluster, distributed.Client(cluster):
+    frame = vorlink.dask.read_logs({fleet!r}, {ONE!r}, columns=["time", "d4Temp"], include_path_column=True)
+    frame.groupby("path")["d4Temp"].mean().compute()   # workers warm
+    t = time.perf_counter(); frame.groupby("path")["d4Temp"].mean().compute(); s = time.perf_counter() - t
+print(json.dumps({{"seconds": s}}))
+""", env, args.runs)["seconds"]
+    rows.append((f"Dask `LocalCluster`, 8 files, `{ONE}` mean per file", times[2],
+                 f"{times[1] / times[2]:.2f}× one worker ({times[1]:.2f} s)", "≥ 1.8×", times[1] / times[2] >= 1.8,
+                 None, "2 process workers, one thread each"))
+
+    print(f"{args.count:,}-line `vorlink synth --seed 3` log; {platform.node()}, {os.cpu_count()} cores, "
+          f"load {os.getloadavg()[0]:.2f}; {time.strftime('%Y-%m-%d %H:%M')}\n")
+    print("| Path | Seconds | Against | Target | Holds | Peak RSS | Notes |")
+    print("|---|---:|---|---|---|---:|---|")
+    for name, seconds, against, target, holds, rss, notes in rows:
+        print(f"| {name} | {seconds:.3f} | {against} | {target} | {'yes' if holds else 'no'} | "
+              f"{'' if rss is None else f'{rss:.0f} MB'} | {notes} |")
+
+
+if __name__ == "__main__":
+    main()

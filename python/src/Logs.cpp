@@ -1,0 +1,181 @@
+// Bus logs into columns: vorlink.read_log's C++ half. The log is read by the
+// shared log reader with the GIL released; each column is handed to numpy as
+// it lies in memory, owned by the Log object that read it.
+
+#include "Module.h"
+
+#include "BusLog.h"
+#include "Dictionary.h"
+#include "LineReader.h"
+#include "LogScan.h"
+#include "LogTables.h"
+#include "Selection.h"
+
+#include <pybind11/numpy.h>
+#include <pybind11/stl.h>
+
+#include <cerrno>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace vorlink {
+namespace python {
+namespace {
+
+const char *numpyType(WireType type)
+{
+    switch (type) {
+    case WireType::U08: return "<u1";
+    case WireType::U16: return "<u2";
+    case WireType::U32: return "<u4";
+    case WireType::S16: return "<i2";
+    case WireType::S32: return "<i4";
+    case WireType::F32: return "<f4";
+    }
+    return "";
+}
+
+// What one read of a log holds: its tables, its rejected lines and its totals.
+struct Log
+{
+    LogTables tables;
+    std::vector<Rejected> errors;
+    std::string name;
+    long long messages = 0, leftOut = 0, lines = 0;
+};
+
+// The span given to read_log: milliseconds since 1970, or the text --from
+// and --to take.
+qint64 spanEnd(const py::object &value, const char *what, qint64 none)
+{
+    if (value.is_none())
+        return none;
+    if (py::isinstance<py::str>(value)) {
+        const std::string text = value.cast<std::string>();
+        qint64 msecs = 0;
+        if (!parseTimeArgument(text, msecs))
+            throw py::value_error(std::string(what) + ": '" + text + "' is neither seconds since 1970 nor an ISO 8601 time");
+        return msecs;
+    }
+    return value.cast<qint64>();
+}
+
+[[noreturn]] void raiseOsError(int code, const std::string &path)
+{
+    errno = code;
+    PyErr_SetFromErrnoWithFilename(PyExc_OSError, path.c_str());
+    throw py::error_already_set();
+}
+
+// A Python file object's readinto, called with the GIL taken for the call.
+LineReader::ReadFunction pythonReader(py::object file, std::optional<py::error_already_set> &failure)
+{
+    return [file, &failure](char *data, std::size_t size) -> long {
+        py::gil_scoped_acquire gil;
+        try {
+            py::memoryview view = py::memoryview::from_memory(data, py::ssize_t(size));
+            py::object n = file.attr("readinto")(view);
+            return n.is_none() ? 0 : n.cast<long>();
+        } catch (py::error_already_set &e) {
+            failure.emplace(std::move(e));
+            return -EIO;
+        }
+    };
+}
+
+std::shared_ptr<Log> readLog(py::object source, const std::vector<std::string> &messages, py::object start,
+                             py::object end, bool strict)
+{
+    Selection selection;
+    std::string error;
+    for (const std::string &key : messages)
+        if (!selection.addMessage(key, error))
+            throw py::key_error("message: " + error);
+    const qint64 from = spanEnd(start, "start", std::numeric_limits<qint64>::min());
+    const qint64 to = spanEnd(end, "end", std::numeric_limits<qint64>::max());
+    if (!selection.setSpan(from, to))
+        throw py::value_error("start is later than end");
+
+    auto log = std::make_shared<Log>();
+    LogScan scan(selection, strict);
+    std::optional<py::error_already_set> readFailure;
+    if (py::isinstance<py::str>(source) || py::hasattr(source, "__fspath__")) {
+        const std::string path = py::str(py::module_::import("os").attr("fsdecode")(source));
+        errno = 0;
+        if (!scan.open(path, error))
+            raiseOsError(errno != 0 ? errno : EISDIR, path);
+    } else {
+        py::object name = py::getattr(source, "name", py::str("<file>"));
+        scan.open(pythonReader(source, readFailure), py::str(name));
+    }
+    scan.rejects().setSink([&log](const Rejected &rejected) { log->errors.push_back(rejected); });
+    {
+        py::gil_scoped_release released;
+        log->tables.read(scan);
+    }
+    if (readFailure)
+        throw std::move(*readFailure);
+    if (scan.input().readError() != 0)
+        raiseOsError(scan.input().readError(), scan.input().name());
+    log->name = scan.input().name();
+    log->messages = scan.messages();
+    log->leftOut = scan.leftOut();
+    log->lines = scan.lineNumber();
+    return log;
+}
+
+py::array column(const Column &values, const char *type, py::handle owner)
+{
+    return py::array(py::dtype(type), {py::ssize_t(values.size())}, {py::ssize_t(values.width())}, values.data(), owner);
+}
+
+// Each table as (id, time, sequence, [field columns], (count, first, last, bytes, unread, rate or None)).
+py::list tables(py::object self)
+{
+    const Log &log = self.cast<const Log &>();
+    py::list out;
+    for (const LogTable *table : log.tables.tables()) {
+        py::list fields;
+        std::size_t k = 0;
+        for (const WireField &field : table->row->fields)
+            if (field.position >= 0)
+                fields.append(column(table->fields[k++], numpyType(field.type), self));
+        const MessageTally &t = table->tally;
+        double rate = 0;
+        py::object rateHz = t.rateHz(rate) ? py::object(py::float_(rate)) : py::object(py::none());
+        out.append(py::make_tuple(int(table->row->id), column(table->timeNs, "<i8", self),
+                                  column(table->sequence, "<u2", self), fields,
+                                  py::make_tuple(t.count, t.first, t.last, t.bytes, t.unread, rateHz)));
+    }
+    return out;
+}
+
+} // namespace
+
+void addLogs(py::module_ &m)
+{
+    py::class_<Log, std::shared_ptr<Log>>(m, "_Log")
+        .def_readonly("name", &Log::name)
+        .def_readonly("messages", &Log::messages)
+        .def_readonly("left_out", &Log::leftOut)
+        .def_readonly("lines", &Log::lines)
+        .def_property_readonly("errors",
+                               [](const Log &log) {
+                                   py::list errors;
+                                   for (const Rejected &r : log.errors)
+                                       errors.append(py::make_tuple(r.line, r.cause, r.reason));
+                                   return errors;
+                               })
+        .def_property_readonly("value_bytes", [](const Log &log) { return log.tables.valueBytes(); })
+        .def_property_readonly("held_bytes", [](const Log &log) { return log.tables.heldBytes(); })
+        .def("_tables", &tables);
+    m.def("_read_log", &readLog, py::arg("source"), py::arg("messages"), py::arg("start"), py::arg("end"),
+          py::arg("strict"), "Reads a bus log into columns, with the GIL released.");
+}
+
+} // namespace python
+} // namespace vorlink
