@@ -5,6 +5,7 @@
 #include "Module.h"
 
 #include "Dictionary.h"
+#include "WireRange.h"
 
 #include "ZelkoMsgDefs.pb.h"
 #include "ZelkoMsgProtoUtils.h"
@@ -138,40 +139,16 @@ PyObject *makeRecord(int row, const void *storage, const char *unread, Py_ssize_
 
 // --- encoding: a Python value into a record field, refusing what the wire cannot hold
 
-struct Range
-{
-    long long low, high;
-};
-
-Range rangeOf(WireType type)
-{
-    switch (type) {
-    case WireType::U08: return {0, 0xFF};
-    case WireType::U16: return {0, 0xFFFF};
-    case WireType::U32: return {0, 0xFFFFFFFFLL};
-    case WireType::S16: return {-0x8000, 0x7FFF};
-    case WireType::S32: return {-0x80000000LL, 0x7FFFFFFF};
-    case WireType::F32: break;
-    }
-    return {0, 0};
-}
-
-const char *wireName(WireType type)
-{
-    static const char *const names[] = {"U08", "U16", "U32", "S16", "S32", "F32"};
-    return names[int(type)];
-}
-
 // "U08 takes 0 to 255" and the like, for the messages below.
 std::string takes(const WireFieldEntry &f)
 {
     if (f.wire == WireType::F32)
         return "F32 takes a number from -3.4028234663852886e+38 to 3.4028234663852886e+38, inf or nan";
-    const Range range = rangeOf(f.wire);
-    std::string text = std::string(wireName(f.wire)) + " takes ";
+    const WireRange range = wireRange(f.wire);
+    std::string text = std::string(wireTypeName(f.wire)) + " takes ";
     if (f.schema == SchemaType::Bool)
         text = "U32 held as bool takes False, True or ";
-    return text + std::to_string(range.low) + " to " + std::to_string(range.high);
+    return text + std::to_string(range.min) + " to " + std::to_string(range.max);
 }
 
 int refuse(int row, const WireFieldEntry &f, PyObject *value, const char *what)
@@ -254,8 +231,7 @@ int putInteger(int row, const WireFieldEntry &f, PyObject *value, unsigned char 
     } else {
         return refuseType(row, f, value);
     }
-    const Range range = rangeOf(f.wire);
-    if (n < range.low || n > range.high)
+    if (!fitsWire(f.wire, n))
         return refuse(row, f, value, "is outside the range");
     switch (f.wire) {
     case WireType::U08: *at = quint8(n); break;
