@@ -206,6 +206,10 @@ class Craft(unittest.TestCase):
                     self.assertEqual((r.returncode, r.stdout), (1, b""), (form, value))
                     self.assertEqual(r.stderr.decode().splitlines()[0], said.format(value), (form, value))
             self.assertEqual(run("encode", stdin=make(255)).stdout, b"1700000000.000 1 0x4BA0 ff\n", form)
+        # A field behind one that fits is checked too.
+        r = run("encode", "--format", "text", stdin=b"header { timestamp { seconds: 1 } sequence: 1 msgId: 256 }\n"
+                b"alarmState: 2\nalarmsFlags: 70000\n")
+        self.assertEqual(r.stderr.decode().splitlines()[0], "<stdin>:1: alarmsFlags: 70000 does not fit U16 (0 to 65535)")
         # A U32 has all of its 32 bits, and not one more.
         r = run("encode", stdin=binary(0x0100, 2, 1 << 32) + binary(0x0100, 2, (1 << 32) - 1))
         self.assertEqual(r.stderr.decode().splitlines()[0], "<stdin>: byte 0: alarmState: 4294967296 does not fit U32 (0 to 4294967295)")
