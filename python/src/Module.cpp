@@ -4,6 +4,7 @@
 #include "Module.h"
 
 #include "Dictionary.h"
+#include "WireRange.h"
 
 #include "ZelkoMsgDefs.h"
 #include "ZelkoMsgProtoUtils.h"
@@ -14,19 +15,6 @@
 namespace vorlink {
 namespace python {
 namespace {
-
-const char *wireTypeName(WireType type)
-{
-    switch (type) {
-    case WireType::U08: return "U08";
-    case WireType::U16: return "U16";
-    case WireType::U32: return "U32";
-    case WireType::S16: return "S16";
-    case WireType::S32: return "S32";
-    case WireType::F32: return "F32";
-    }
-    return "?";
-}
 
 const char *schemaTypeName(SchemaType type)
 {
