@@ -275,6 +275,10 @@ class Craft(unittest.TestCase):
             self.assertEqual(r.stdout.decode().splitlines(), [f"1700000000.000 {n} 0x4BA0 0{n}" for n in (1, 2, 4)])
             line = first_lines[2] if text is not objects and b"\n  " in text or b"\t" in text else 3
             self.assertEqual(r.stderr.decode().splitlines()[0], f"<stdin>:{line}: command: 300 does not fit U08 (0 to 255)")
+        # Braces, a bracket, a quote and a backslash inside a string neither open nor close a value.
+        odd = dict(objects[0], header=dict(self.HEADER, timestamp='{"[\\'))
+        r = run("encode", stdin=(json.dumps(odd, indent=2) + "\n" + json.dumps(objects[1], indent=2)).encode())
+        self.assertEqual((r.stdout, r.stderr.decode().split(" not a JSON")[0]), (b"1700000000.000 2 0x4BA0 02\n", "<stdin>:1:"))
         # Well-formed JSON only; an object left open is reported where it starts.
         good = json.dumps(objects[0]).encode()
         for bad, said in ((b'{"header":{"sequence":1,"msgId":19360,"timestamp":"2023-11-14T22:13:20Z"},"command":1,}', "Missing a name"),
