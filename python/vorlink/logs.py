@@ -85,20 +85,16 @@ class Log:
     def table(self, key):
         """One message type's messages as a DataFrame: time (UTC), sequence, then one column
         per field in its own dtype. A type with no messages in the log gives an empty table."""
-        import pandas
         from . import message as _message
         kind = _message(key)
         entry = self._tables.get(kind.name)
         if entry is None:
             return _empty(kind)
-        kind, time, sequence, fields, _ = entry
-        columns = {"time": _utc(time), "sequence": sequence}
-        columns.update(zip((f.name for f in kind.fields), fields))
-        return pandas.DataFrame(columns, copy=False)
+        return _frame(*entry[:4])
 
     def tables(self):
         """A DataFrame per message type present, by name, in id order."""
-        return {name: self.table(name) for name in self._tables}
+        return {name: _frame(*entry[:4]) for name, entry in self._tables.items()}
 
     def long(self):
         """Every field of every message as one row: time, message, field, value (float64, which
@@ -140,6 +136,13 @@ class Log:
     def __repr__(self):
         return (f"<vorlink.Log {self._log.name}: {self._log.messages} messages of {len(self._tables)} types, "
                 f"{len(self._log.errors)} lines rejected>")
+
+
+def _frame(kind, time, sequence, fields):
+    import pandas
+    columns = {"time": _utc(time), "sequence": sequence}
+    columns.update(zip((f.name for f in kind.fields), fields))
+    return pandas.DataFrame(columns, copy=False)
 
 
 def _utc(nanoseconds):
