@@ -173,6 +173,19 @@ void addLogs(py::module_ &m)
         .def_property_readonly("value_bytes", [](const Log &log) { return log.tables.valueBytes(); })
         .def_property_readonly("held_bytes", [](const Log &log) { return log.tables.heldBytes(); })
         .def("_tables", &tables);
+    m.def(
+        "_message_ids",
+        [](const std::string &key) {
+            std::vector<const RowInfo *> rows;
+            std::string error;
+            if (!resolveMessageKey(key, rows, error))
+                throw py::key_error(error);
+            std::vector<int> ids;
+            for (const RowInfo *row : rows)
+                ids.push_back(row->id);
+            return ids;
+        },
+        "The ids of the messages a --message key names.");
     m.def("_read_log", &readLog, py::arg("source"), py::arg("messages"), py::arg("start"), py::arg("end"),
           py::arg("strict"), "Reads a bus log into columns, with the GIL released.");
 }

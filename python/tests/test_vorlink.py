@@ -58,8 +58,12 @@ def test_dictionary_matches_the_message_list():
     assert (td_event.payload_size, td_event.wire_size) == (20, 12)
     for key in (0x1700, "MSG_ID_TD_EVENT", "zelko.messages.tdevent", td_event, td_event.record):
         assert vorlink.message(key) is td_event
-    with pytest.raises(KeyError, match="nearest are AlarmStatusData, "):
+    for key in ("0x1700", "5888", "TdEventPayload"):   # as --message takes them
+        assert vorlink.message(key) is td_event
+    with pytest.raises(KeyError, match="nearest: AlarmStatusData, "):
         vorlink.message("AlarmStatusDat")
+    with pytest.raises(KeyError, match="'Fp' names the .* messages of a node"):
+        vorlink.message("Fp")
     with pytest.raises(KeyError, match="0x0001"):
         vorlink.message(1)
 

@@ -105,22 +105,31 @@ def _resolve(key):
         return _types.index(key)
     if isinstance(key, str):
         found = _names.get(key.lower())
-        if found is None:
-            import difflib
-            spelled = {n: t for t in _types for n in (t.name, t.enumerator, t.proto_name)}
-            lowered = {n.lower(): n for n in spelled}
-            near = difflib.get_close_matches(key.lower(), list(lowered), n=3, cutoff=0.0)
-            raise KeyError(f"no message is called {key!r}; the nearest are {', '.join(lowered[n] for n in near)}")
-        index = _types.index(found)
+        if found is not None:
+            index = _types.index(found)
+        else:
+            # The tool's --message vocabulary, read by the log library: ids as
+            # text, ...Payload names, and the nearest names when none fits.
+            ids = _vorlink._message_ids(key)
+            if len(ids) != 1:
+                raise KeyError(f"{key!r} names the {len(ids)} messages of a node; give one of them")
+            index = _index_of_id(ids[0])
         _keys[key] = index
         return index
     if isinstance(key, bool) or not hasattr(key, "__index__"):
         raise TypeError(f"a message key is an id (int) or a name (str), not {type(key).__name__}")
     id = _operator.index(key)
+    index = _index_of_id(id)
+    if index is None:
+        raise KeyError(f"no message has the id {id:#06x}" if 0 <= id <= 0xFFFF else f"{id} is no message id (0 to 0xFFFF)")
+    return index
+
+
+def _index_of_id(id):
     for index, t in enumerate(_types):
         if t.id == id:
             return index
-    raise KeyError(f"no message has the id {id:#06x}" if 0 <= id <= 0xFFFF else f"{id} is no message id (0 to 0xFFFF)")
+    return None
 
 
 _keys = _vorlink._register([t.record for t in _types], _resolve, records._nearest, PayloadTooShort)
@@ -140,8 +149,9 @@ def messages():
 
 
 def message(key):
-    """The message type of `key`: an id (int), a message name, a MSG_ID_ enumerator or a schema
-    name, in any case. KeyError names the three nearest names."""
+    """The message type of `key`: an id (int), or text as ``vorlink --message`` takes it for one
+    message: an id in hexadecimal (0x0100) or decimal, a message name, its ...Payload name, a
+    MSG_ID_ enumerator or a schema name, in any case. KeyError names the three nearest names."""
     return _types[_vorlink._find(key)]
 
 
