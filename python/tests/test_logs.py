@@ -1,5 +1,6 @@
 """vorlink.read_log against the module's own decode and the tool's selection
 and rejected lines, and vorlink.dask against pandas."""
+import datetime
 import io
 import json
 import os
@@ -106,6 +107,11 @@ def test_misuse_is_named():
         vorlink.read_log(BUS_LOG, start="soon")
     with pytest.raises(ValueError, match="start is later than end"):
         vorlink.read_log(BUS_LOG, start=1700000030, end=1700000020)
+    with pytest.raises(TypeError, match="start: time is an aware datetime or seconds since 1970, not datetime64"):
+        vorlink.read_log(BUS_LOG, start=numpy.datetime64("2023-11-14T22:13:22"))
+    by_text = vorlink.read_log(BUS_LOG, end="2023-11-14T22:13:23.25Z").stats()
+    aware = datetime.datetime(2023, 11, 14, 23, 13, 23, 250000, tzinfo=datetime.timezone(datetime.timedelta(hours=1)))
+    assert 100 < len(by_text) < 474 and vorlink.read_log(BUS_LOG, end=aware).stats().equals(by_text)
     with pytest.raises(FileNotFoundError):
         vorlink.read_log(BUS_LOG + ".missing")
     log = vorlink.read_log(io.BytesIO(b"1.5 1 0x0300 07000000\n1.6 2 0x0100 -\n"), message=0x0300)

@@ -161,9 +161,12 @@ def _msecs(time):
             raise ValueError(f"time {time.isoformat()} has no time zone: give an aware datetime "
                              f"(e.g. tzinfo=datetime.timezone.utc) or seconds since 1970")
         return (time - _EPOCH) // _datetime.timedelta(milliseconds=1)
-    if isinstance(time, bool) or not isinstance(time, (int, float)) and not hasattr(time, "__float__"):
-        raise TypeError(f"time is an aware datetime or seconds since 1970, not {type(time).__name__}")
-    seconds = float(time)
+    try:
+        if isinstance(time, (bool, str, bytes)):
+            raise TypeError
+        seconds = float(time)
+    except (TypeError, ValueError):   # numpy's datetime64 has a __float__ that refuses
+        raise TypeError(f"time is an aware datetime or seconds since 1970, not {type(time).__name__}") from None
     if seconds != seconds or seconds in (float("inf"), float("-inf")):
         raise ValueError(f"time {time!r} is not a time")
     return round(seconds * 1000) if not isinstance(time, int) else time * 1000
