@@ -16,7 +16,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <map>
 #include <memory>
 #include <vector>
 
@@ -34,6 +33,7 @@ struct MonitorOptions
 {
     std::string input = "-";
     bool follow = false;
+    std::string sortName = "id";
     SortBy sort = SortBy::Id;
     SelectionOptions select;
     Selection selection;
@@ -414,6 +414,10 @@ private:
 int runMonitor(const CLI::App &command, MonitorOptions &options)
 {
     std::string error;
+    const std::vector<std::pair<std::string, SortBy>> sorts = {
+        {"id", SortBy::Id}, {"name", SortBy::Name}, {"count", SortBy::Count}, {"recency", SortBy::Recency}};
+    if (!choose("--sort", options.sortName, sorts, options.sort, error))
+        return misuse(command, error);
     if (!resolveSelection(options.select, options.selection, error))
         return misuse(command, error);
     if (::isatty(STDOUT_FILENO) != 1)
@@ -477,10 +481,7 @@ Command addMonitorCommand(CLI::App &parent)
     CLI::App *command = parent.add_subcommand("monitor", "a live table of a bus log on the terminal: the latest "
                                                          "values of every message type");
     command->add_option("FILE", options->input, "the bus log; standard input when '-' or missing")->type_name("");
-    const std::map<std::string, SortBy> sorts = {{"id", SortBy::Id}, {"name", SortBy::Name},
-                                                 {"count", SortBy::Count}, {"recency", SortBy::Recency}};
-    command->add_option("--sort", options->sort, "id (default), name, count (most first) or recency (latest first)")
-        ->transform(CLI::CheckedTransformer(sorts, CLI::ignore_case).description(""))
+    command->add_option("--sort", options->sortName, "id (default), name, count (most first) or recency (latest first)")
         ->type_name("KEY");
     addSelectionOptions(*command, options->select);
     addFollowFlag(*command, options->follow);

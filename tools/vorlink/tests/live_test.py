@@ -243,7 +243,8 @@ class Follow(unittest.TestCase):
 
     def test_misuse(self):
         for args, words in ((["decode", "--follow", "-"], "--follow reads a FILE"),
-                            (["monitor", "/dev/null"], "use 'vorlink decode'")):
+                            (["monitor", "/dev/null"], "use 'vorlink decode'"),
+                            (["monitor", "--sort", "1", "/dev/null"], "--sort must be one of id, name, count, recency (got '1')")):
             r = subprocess.run([TOOL, *args], capture_output=True, stdin=subprocess.DEVNULL)
             self.assertEqual((r.returncode, r.stdout), (2, b""), args)
             self.assertIn(words, r.stderr.decode(), args)
@@ -269,7 +270,7 @@ class Monitor(unittest.TestCase):
         return self.tmux("capture-pane", "-p", "-t", self.session)
 
     def test_live_table_keys_and_pace(self):
-        command = f"{TOOL} monitor --follow {self.log}; echo $? > {self.status}; sleep 60"
+        command = f"{TOOL} monitor --sort Count --follow {self.log}; echo $? > {self.status}; sleep 60"
         self.tmux("new-session", "-d", "-s", self.session, "-x", "150", "-y", "40", "-e", "TZ=UTC", command)
         self.assertTrue(wait_for(lambda: "vorlink monitor" in self.screen(), 30), self.screen())
         shell = int(self.tmux("display", "-p", "-t", self.session, "#{pane_pid}"))
@@ -328,6 +329,14 @@ class Monitor(unittest.TestCase):
         self.assertTrue(dump[0].startswith("DdTemperatureDataPayload: d1Temp=1.5,") and dump[1].startswith("d"), rows)
         self.assertEqual(" ".join(dump).count("=1.5"), 24)
         self.assertTrue(all(len(r) <= 150 for r in rows))
+        # The order given, then each order in turn with s: the most first, the
+        # latest first, by id, by name.
+        for sort, order in (("count", ["0x0100", "0x1700", "0x2600"]), ("recency", ["0x2600", "0x0100", "0x1700"]),
+                            ("id", ["0x0100", "0x1700", "0x2600"]), ("name", ["0x0100", "0x2600", "0x1700"])):
+            if sort != "count":
+                self.tmux("send-keys", "-t", self.session, "s")
+            self.assertTrue(wait_for(lambda: f"sort: {sort} " in self.screen(), 2), self.screen())
+            self.assertEqual([r[:6] for r in self.screen().splitlines() if r.startswith("0x")], order, sort)
 
         self.tmux("send-keys", "-t", self.session, "/", "tdev")
         self.tmux("send-keys", "-t", self.session, "Enter")
