@@ -15,6 +15,8 @@
 #include <pybind11/stl.h>
 
 #include <cerrno>
+#include <chrono>
+#include <csignal>
 #include <cstring>
 #include <limits>
 #include <memory>
@@ -113,10 +115,36 @@ std::shared_ptr<Log> readLog(py::object source, const std::vector<std::string> &
         scan.open(pythonReader(source, readFailure), py::str(name));
     }
     scan.rejects().setSink([&log](const Rejected &rejected) { log->errors.push_back(rejected); });
+
+    // Ctrl-C: Python only sees a signal when it runs, so the read takes the
+    // GIL ten times a second to let it, and stops at the next line when a
+    // handler raised. A pipe that stays quiet is looked at as often.
+    volatile std::sig_atomic_t stop = 0;
+    std::optional<py::error_already_set> interrupted;
+    auto lastLook = std::chrono::steady_clock::now();
+    const auto lookForSignals = [&] {
+        const auto now = std::chrono::steady_clock::now();
+        if (now - lastLook < std::chrono::milliseconds(100))
+            return;
+        lastLook = now;
+        py::gil_scoped_acquire gil;
+        if (PyErr_CheckSignals() != 0) {
+            interrupted.emplace();
+            stop = 1;
+        }
+    };
+    scan.onProgress([&](long long, long long) { lookForSignals(); });
+    scan.input().onIdle([&] {
+        lookForSignals();
+        return stop == 0;
+    });
+    scan.input().stopOn(&stop);
     {
         py::gil_scoped_release released;
         log->tables.read(scan);
     }
+    if (interrupted)
+        throw std::move(*interrupted);
     if (readFailure)
         throw std::move(*readFailure);
     if (scan.input().readError() != 0)

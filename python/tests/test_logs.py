@@ -1,11 +1,14 @@
 """vorlink.read_log against the module's own decode and the tool's selection
 and rejected lines, and vorlink.dask against pandas."""
+import _thread
 import datetime
 import io
 import json
 import os
 import subprocess
 import sys
+import threading
+import time
 
 import numpy
 import pandas
@@ -126,6 +129,24 @@ def test_long_form_holds_every_value_once_in_time_order():
     got = long[(long["message"] == "DdTemperatureData") & (long["field"] == "d4Temp")]["value"].tolist()
     assert got == wide["d4Temp"].astype(float).tolist()
     assert len(long) == sum(len(t) * (len(t.columns) - 2) for t in log.tables().values())
+
+
+def test_ctrl_c_stops_a_read_that_waits_on_a_quiet_pipe(tmp_path):
+    fifo = str(tmp_path / "live.log")
+    os.mkfifo(fifo)
+
+    def machine():   # one message, then quiet for three seconds
+        with open(fifo, "w") as f:
+            f.write("1700000000.000 1 0x0300 07000000\n")
+            f.flush()
+            time.sleep(3)
+
+    threading.Thread(target=machine, daemon=True).start()
+    threading.Timer(0.3, _thread.interrupt_main).start()
+    start = time.monotonic()
+    with pytest.raises(KeyboardInterrupt):
+        vorlink.read_log(fifo)
+    assert time.monotonic() - start < 1.5
 
 
 def readers(graph):
