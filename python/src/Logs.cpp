@@ -118,7 +118,9 @@ std::shared_ptr<Log> readLog(py::object source, const std::vector<std::string> &
 
     // Ctrl-C: Python only sees a signal when it runs, so the read takes the
     // GIL ten times a second to let it, and stops at the next line when a
-    // handler raised. A pipe that stays quiet is looked at as often.
+    // handler raised. A pipe that stays quiet is looked at as often. Signal
+    // handlers run in the main thread only: a read in another thread leaves
+    // the GIL alone.
     volatile std::sig_atomic_t stop = 0;
     std::optional<py::error_already_set> interrupted;
     auto lastLook = std::chrono::steady_clock::now();
@@ -133,12 +135,15 @@ std::shared_ptr<Log> readLog(py::object source, const std::vector<std::string> &
             stop = 1;
         }
     };
-    scan.onProgress([&](long long, long long) { lookForSignals(); });
-    scan.input().onIdle([&] {
-        lookForSignals();
-        return stop == 0;
-    });
-    scan.input().stopOn(&stop);
+    py::module_ threading = py::module_::import("threading");
+    if (threading.attr("current_thread")().is(threading.attr("main_thread")())) {
+        scan.onProgress([&](long long, long long) { lookForSignals(); });
+        scan.input().onIdle([&] {
+            lookForSignals();
+            return stop == 0;
+        });
+        scan.input().stopOn(&stop);
+    }
     {
         py::gil_scoped_release released;
         log->tables.read(scan);
