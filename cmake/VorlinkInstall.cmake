@@ -33,14 +33,36 @@ install(EXPORT VorlinkTargets
     NAMESPACE Vorlink::
     DESTINATION ${VORLINK_CMAKE_DIR} COMPONENT development)
 
+# The nodes' firmware: vorlink_messages.h and Vorlink::Firmware, an INTERFACE
+# target with its include directory only, exported apart from the library so
+# that it needs neither Qt nor protobuf.
+install(FILES ${VORLINK_FIRMWARE_HEADER}
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Vorlink COMPONENT development)
+set_target_properties(VorlinkFirmware PROPERTIES EXPORT_NAME Firmware)
+install(TARGETS VorlinkFirmware EXPORT VorlinkFirmwareTargets)
+install(EXPORT VorlinkFirmwareTargets
+    NAMESPACE Vorlink::
+    DESTINATION ${VORLINK_CMAKE_DIR} COMPONENT development)
+
 file(WRITE ${PROJECT_BINARY_DIR}/VorlinkConfig.cmake.in [=[
 @PACKAGE_INIT@
+
+# Firmware: vorlink_messages.h alone, for any C compiler. Asked for alone
+# (find_package(Vorlink COMPONENTS Firmware)), nothing else is looked for.
+include("${CMAKE_CURRENT_LIST_DIR}/VorlinkFirmwareTargets.cmake")
+set(Vorlink_Firmware_FOUND TRUE)
+if(Vorlink_FIND_COMPONENTS STREQUAL "Firmware")
+    set_and_check(Vorlink_INCLUDE_DIR "@PACKAGE_CMAKE_INSTALL_INCLUDEDIR@/Vorlink")
+    check_required_components(Vorlink)
+    return()
+endif()
 
 include(CMakeFindDependencyMacro)
 find_dependency(Qt5 @Qt5_VERSION_MAJOR@.@Qt5_VERSION_MINOR@ COMPONENTS Core)
 find_dependency(Protobuf)
 
 include("${CMAKE_CURRENT_LIST_DIR}/VorlinkTargets.cmake")
+set(Vorlink_Host_FOUND TRUE)
 set_and_check(Vorlink_INCLUDE_DIR "@PACKAGE_CMAKE_INSTALL_INCLUDEDIR@/Vorlink")
 set_and_check(Vorlink_PROTO_DIR "@PACKAGE_CMAKE_INSTALL_DATADIR@/vorlink/proto")
 check_required_components(Vorlink)

@@ -65,7 +65,8 @@ ${_vorlink_about}
 This package holds what a host program builds with: the headers, the
 libVorlink.so link, the static libBytra.a the library links publicly, the
 CMake package Vorlink::Vorlink, the pkg-config file vorlink and the schema
-ZelkoMsgDefs.proto.")
+ZelkoMsgDefs.proto; and for the nodes' firmware the C99 header
+vorlink_messages.h, CMake target Vorlink::Firmware.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME vorlink-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)

@@ -46,41 +46,60 @@ class Check(unittest.TestCase):
                 "AlarmStatusData.alarmTop: number changed from 3 to 4 (breaks schema readers)",
                 "AlarmStatusData.silenceExpiresIn: number changed from 4 to 5 (breaks schema readers)",
                 "AlarmStatusData.alarmsFlags: number changed from 5 to 6 (breaks schema readers)",
-                "AlarmStatusData: record AlarmStatusDataPayload changes its fields (breaks host programs)"]),
+                "AlarmStatusData: record AlarmStatusDataPayload changes its fields (breaks host programs)",
+                "VORLINK_ALARM_STATUS_DATA_SIZE: changed from 14 to 18 (breaks firmware sources)",
+                "struct vorlink_alarm_status_data: member alarmCount added (breaks firmware sources)"]),
             "swapped": (edited("d1Temp:F32 d78Temp:F32", "d78Temp:F32 d1Temp:F32"), [
                 "DdTemperatureData.d1Temp: moved from byte 0 to byte 4 (breaks the nodes)",
                 "DdTemperatureData.d78Temp: moved from byte 4 to byte 0 (breaks the nodes)",
                 "DdTemperatureData.d1Temp: number changed from 2 to 3 (breaks schema readers)",
                 "DdTemperatureData.d78Temp: number changed from 3 to 2 (breaks schema readers)",
-                "DdTemperatureData: record DdTemperatureDataPayload changes its fields (breaks host programs)"]),
+                "DdTemperatureData: record DdTemperatureDataPayload changes its fields (breaks host programs)",
+                "struct vorlink_dd_temperature_data: members reordered (breaks firmware sources)"]),
             "widened": (edited(f"14  {status}", f"16  {status[:-3]}U32"), [
                 "AlarmStatusData.alarmsFlags: widened from U16 to U32 (breaks the nodes)",
                 "AlarmStatusData: payload size changed from 14 to 16 bytes (breaks the nodes)",
-                "AlarmStatusData: record AlarmStatusDataPayload changes its fields (breaks host programs)"]),
+                "AlarmStatusData: record AlarmStatusDataPayload changes its fields (breaks host programs)",
+                "VORLINK_ALARM_STATUS_DATA_SIZE: changed from 14 to 16 (breaks firmware sources)",
+                "struct vorlink_alarm_status_data: member alarmsFlags changed from uint16_t to uint32_t "
+                "(breaks firmware sources)"]),
             "renamed": (edited("alarmsFlags:U16", "alarmFlags:U16"), [
-                "AlarmStatusData.alarmFlags: renamed from alarmsFlags (breaks JSON readers)"]),
+                "AlarmStatusData.alarmFlags: renamed from alarmsFlags (breaks JSON readers)",
+                "struct vorlink_alarm_status_data: member alarmsFlags renamed to alarmFlags (breaks firmware sources)"]),
             "removed": (edited(f"14  {status}", "10  alarmState:U32 alarmTop:U32 alarmsFlags:U16"), [
                 "AlarmStatusData.silenceExpiresIn: removed from byte 8 (breaks the nodes)",
                 "AlarmStatusData.alarmsFlags: moved from byte 12 to byte 8 (breaks the nodes)",
                 "AlarmStatusData: payload size changed from 14 to 10 bytes (breaks the nodes)",
                 "AlarmStatusData.silenceExpiresIn: removed (number 4) (breaks schema readers)",
                 "AlarmStatusData.alarmsFlags: number changed from 5 to 4 (breaks schema readers)",
-                "AlarmStatusData: record AlarmStatusDataPayload changes its fields (breaks host programs)"]),
+                "AlarmStatusData: record AlarmStatusDataPayload changes its fields (breaks host programs)",
+                "VORLINK_ALARM_STATUS_DATA_SIZE: changed from 14 to 10 (breaks firmware sources)",
+                "struct vorlink_alarm_status_data: member silenceExpiresIn removed (breaks firmware sources)"]),
             "retyped": (edited("almData1:U32 ", "almData1:F32 "), [
                 "AlarmTriggered.almData1: retyped from U32 to F32 (breaks the nodes)",
                 "AlarmTriggered.almData1: type changed from uint32 to float (breaks schema readers)",
-                "AlarmTriggered: record AlarmTriggeredPayload changes its fields (breaks host programs)"]),
+                "AlarmTriggered: record AlarmTriggeredPayload changes its fields (breaks host programs)",
+                "struct vorlink_alarm_triggered: member almData1 changed from uint32_t to float (breaks firmware sources)"]),
             "held as a bool": (edited("almData1:U32 ", "almData1:U32=bool "), [
                 "AlarmTriggered.almData1: type changed from uint32 to bool (breaks JSON readers)"]),
             "row removed": (re.sub(r"\n0x0300 .*", "", RELEASED), [
                 "AlarmCleared: row 0x0300 removed (breaks the nodes)",
                 "AlarmCleared: message removed (breaks schema readers)",
-                "AlarmCleared: record AlarmClearedPayload and its overloads removed (breaks host programs)"]),
+                "AlarmCleared: record AlarmClearedPayload and its overloads removed (breaks host programs)",
+                "VORLINK_ALARM_CLEARED_ID: removed (breaks firmware sources)",
+                "VORLINK_ALARM_CLEARED_SIZE: removed (breaks firmware sources)",
+                "struct vorlink_alarm_cleared: removed, with vorlink_alarm_cleared_pack(), "
+                "vorlink_alarm_cleared_unpack() (breaks firmware sources)"]),
             "id changed": (edited("0x0400  MSG_ID_ALARM_CONDITION_CLEARED", "0x0401  MSG_ID_ALARM_CONDITION_CLEARED"), [
-                "AlarmConditionCleared: id changed from 0x0400 to 0x0401 (breaks the nodes)"]),
+                "AlarmConditionCleared: id changed from 0x0400 to 0x0401 (breaks the nodes)",
+                "VORLINK_ALARM_CONDITION_CLEARED_ID: changed from 0x0400 to 0x0401 (breaks firmware sources)"]),
             "message renamed": (re.sub(r"MSG_ID_ALARM_CLEARED\s+AlarmCleared ", "MSG_ID_ALARM_GONE AlarmGone ", RELEASED), [
                 "AlarmCleared: message renamed to AlarmGone (breaks schema readers)",
-                "AlarmCleared: record AlarmClearedPayload renamed to AlarmGonePayload (breaks host programs)"]),
+                "AlarmCleared: record AlarmClearedPayload renamed to AlarmGonePayload (breaks host programs)",
+                "VORLINK_ALARM_CLEARED_ID: removed (breaks firmware sources)",
+                "VORLINK_ALARM_CLEARED_SIZE: removed (breaks firmware sources)",
+                "struct vorlink_alarm_cleared: removed, with vorlink_alarm_cleared_pack(), "
+                "vorlink_alarm_cleared_unpack() (breaks firmware sources)"]),
             "numbers shifted by a oneof": (edited("event:U32 ", "event:U32+data0 ", "TdEvent"), [
                 f"TdEvent.{name}: number changed from {n} to {n + 4} (breaks schema readers)" for name, n in
                 [("dataType1", 3), ("data1_bool", 4), ("data1_uint32", 5), ("data1_int32", 6), ("data1_float", 7),
@@ -133,7 +152,7 @@ class Check(unittest.TestCase):
                                        "--baseline", BASELINE], capture_output=True, text=True)
             same, raised = run("1.4.0"), run("2.0.0")
         self.assertEqual(same.returncode, 1, same.stdout + same.stderr)
-        self.assertIn("FAILED: release 1.0.0 is broken by 1 breaking change.", same.stdout)
+        self.assertIn("FAILED: release 1.0.0 is broken by 2 breaking changes.", same.stdout)
         self.assertEqual(raised.returncode, 0, raised.stdout + raised.stderr)
         self.assertIn("becomes libVorlink.so.2, its package libvorlink2", raised.stdout)
 

@@ -414,3 +414,249 @@ class $message(Record):
 $members''')
 
 PYI_MEMBER = T("    $name: $type$ignore\n")
+
+# --- vorlink_messages.h: the same rows for the nodes' firmware, in C99 -----------
+
+FIRMWARE_H = T(BANNER + """#ifndef VORLINK_MESSAGES_H
+#define VORLINK_MESSAGES_H
+
+/*
+ * The messages of the bus for a node's own firmware: per message its id, its
+ * payload size, and for a message with fields a struct with them in wire
+ * order and functions that move it to and from its wire bytes.
+ *
+ * C99 (and C++), freestanding apart from <stdint.h>, <stddef.h> and
+ * <string.h> (memcpy): no allocation, no I/O. Every function is static
+ * inline, so a node pays in flash only for the messages it packs or unpacks.
+ *
+ * On the wire a message is its fields back to back, no tag, no gap, each
+ * least significant byte first; a float is its IEEE 754 bits in that order.
+ * The functions move bytes with shifts, so they are right on a big-endian
+ * controller too, and need no alignment of the buffer.
+ */
+
+#include <stddef.h>
+#include <stdint.h>
+#include <string.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* A float on the wire is IEEE 754 binary32; the controller's must be 32 bits. */
+typedef char vorlink_float_is_32_bits[sizeof(float) == 4 ? 1 : -1];
+
+/* Number of messages in vorlink_message_table(). */
+#define VORLINK_MESSAGE_COUNT $count
+
+static inline void vorlink_put_u08(uint8_t *p, uint8_t v) { p[0] = v; }
+
+static inline void vorlink_put_u16(uint8_t *p, uint16_t v)
+{
+    p[0] = (uint8_t)(v & 0xFFu);
+    p[1] = (uint8_t)(v >> 8);
+}
+
+static inline void vorlink_put_u32(uint8_t *p, uint32_t v)
+{
+    p[0] = (uint8_t)(v & 0xFFu);
+    p[1] = (uint8_t)((v >> 8) & 0xFFu);
+    p[2] = (uint8_t)((v >> 16) & 0xFFu);
+    p[3] = (uint8_t)(v >> 24);
+}
+
+static inline void vorlink_put_s16(uint8_t *p, int16_t v) { vorlink_put_u16(p, (uint16_t)v); }
+
+static inline void vorlink_put_s32(uint8_t *p, int32_t v) { vorlink_put_u32(p, (uint32_t)v); }
+
+static inline void vorlink_put_f32(uint8_t *p, float v)
+{
+    uint32_t bits;
+    memcpy(&bits, &v, sizeof bits);
+    vorlink_put_u32(p, bits);
+}
+
+static inline uint8_t vorlink_get_u08(const uint8_t *p) { return p[0]; }
+
+static inline uint16_t vorlink_get_u16(const uint8_t *p)
+{
+    return (uint16_t)((unsigned)p[0] | ((unsigned)p[1] << 8));
+}
+
+static inline uint32_t vorlink_get_u32(const uint8_t *p)
+{
+    return (uint32_t)p[0] | ((uint32_t)p[1] << 8) | ((uint32_t)p[2] << 16) | ((uint32_t)p[3] << 24);
+}
+
+/* Exact-width signed types are two's complement: the bits carry over as they are. */
+static inline int16_t vorlink_get_s16(const uint8_t *p)
+{
+    uint16_t bits = vorlink_get_u16(p);
+    int16_t v;
+    memcpy(&v, &bits, sizeof v);
+    return v;
+}
+
+static inline int32_t vorlink_get_s32(const uint8_t *p)
+{
+    uint32_t bits = vorlink_get_u32(p);
+    int32_t v;
+    memcpy(&v, &bits, sizeof v);
+    return v;
+}
+
+static inline float vorlink_get_f32(const uint8_t *p)
+{
+    uint32_t bits = vorlink_get_u32(p);
+    float v;
+    memcpy(&v, &bits, sizeof v);
+    return v;
+}
+
+/*
+ * Per message X (its MSG_ID_ name without the prefix):
+ *   VORLINK_X_ID     the message id
+ *   VORLINK_X_SIZE   the payload size on the bus
+ * and for a message with fields:
+ *   struct vorlink_x                    the fields, in wire order
+ *   int vorlink_x_pack(dst, size, src)  writes the wire bytes to dst and gives
+ *       their count; -1, and nothing written, if size is smaller than that
+ *   int vorlink_x_unpack(dst, src, size)  reads the wire bytes into dst and
+ *       gives 0; -1, and dst untouched, if size is smaller than the record;
+ *       bytes behind it are not looked at
+ * For the messages whose payload carries a union (VORLINK_X_SIZE larger than
+ * what pack writes), the struct holds the fields ahead of and between the
+ * union parts as the host library's records do; what lies behind them is
+ * settled between the nodes.
+ */
+$messages
+/* The table holds every message's name unless VORLINK_MESSAGE_NAMES is
+ * defined as 0 before this header: then each name is NULL, and a node that
+ * looks messages up by id keeps the names' flash. */
+#ifndef VORLINK_MESSAGE_NAMES
+#define VORLINK_MESSAGE_NAMES 1
+#endif
+#if VORLINK_MESSAGE_NAMES
+#define VORLINK_NAME_(text) text
+#else
+#define VORLINK_NAME_(text) NULL
+#endif
+
+/* One message of the bus, for a receiver's dispatch. */
+struct vorlink_message_info {
+    uint16_t id;        /* VORLINK_X_ID */
+    uint16_t size;      /* VORLINK_X_SIZE: payload bytes on the bus */
+    uint16_t wire_size; /* bytes vorlink_x_pack writes and vorlink_x_unpack reads; 0 without fields */
+    const char *name;   /* the message's name, "AlarmStatusData" for MSG_ID_ALARM_STATUS_DATA, or NULL */
+};
+
+/* All VORLINK_MESSAGE_COUNT messages, in ascending id. */
+static inline const struct vorlink_message_info *vorlink_message_table(void)
+{
+    static const struct vorlink_message_info table[VORLINK_MESSAGE_COUNT] = {
+$table
+    };
+    return table;
+}
+
+/* The message with this id, or NULL for an id of no message. */
+static inline const struct vorlink_message_info *vorlink_message_by_id(uint16_t id)
+{
+    const struct vorlink_message_info *table = vorlink_message_table();
+    size_t low = 0, high = VORLINK_MESSAGE_COUNT;
+    while (low < high) {
+        size_t mid = low + (high - low) / 2;
+        if (table[mid].id < id)
+            low = mid + 1;
+        else
+            high = mid;
+    }
+    return low < VORLINK_MESSAGE_COUNT && table[low].id == id ? &table[low] : NULL;
+}
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* VORLINK_MESSAGES_H */
+""")
+
+FIRMWARE_MACROS = T("""
+/* $message */
+#define VORLINK_${upper}_ID $id
+#define VORLINK_${upper}_SIZE $bytes
+""")
+
+FIRMWARE_RECORD = T("""
+struct vorlink_$lower {
+$members};
+
+static inline int vorlink_${lower}_pack(uint8_t *dst, size_t size, const struct vorlink_$lower *src)
+{
+    if (size < ${wire_size}u)
+        return -1;
+$puts    return $wire_size;
+}
+
+static inline int vorlink_${lower}_unpack(struct vorlink_$lower *dst, const uint8_t *src, size_t size)
+{
+    if (size < ${wire_size}u)
+        return -1;
+$gets    return 0;
+}
+""")
+
+FIRMWARE_MEMBER = T("    $ctype $name;\n")
+
+FIRMWARE_PUT = T("    vorlink_put_$wire(dst + $offset, src->$name);\n")
+
+FIRMWARE_GET = T("    dst->$name = vorlink_get_$wire(src + $offset);\n")
+
+FIRMWARE_TABLE_ENTRY = T("        {$id, $bytes, $wire_size, VORLINK_NAME_(\"$message\")},")
+
+# --- VorlinkFirmwareRows.c: every row's pack and unpack behind one table (tests) -
+
+FIRMWARE_ROWS_C = T(BANNER + """#include "FirmwareRows.h"
+
+#include "vorlink_messages.h"
+$rows
+const struct fw_row fw_rows[] = {
+$entries
+};
+
+const size_t fw_row_count = sizeof fw_rows / sizeof fw_rows[0];
+
+const struct vorlink_message_info *fw_table(void) { return vorlink_message_table(); }
+
+const struct vorlink_message_info *fw_lookup(uint16_t id) { return vorlink_message_by_id(id); }
+""")
+
+# The record is filled from the values first, so that a refused unpack shows
+# what it left in the record.
+FIRMWARE_ROW_FUNCTIONS = T("""
+static const struct fw_field fields_$lower[] = {
+$fields
+};
+
+static int pack_$lower(uint8_t *dst, size_t size, const union fw_value *v)
+{
+    struct vorlink_$lower r;
+$to_record    return vorlink_${lower}_pack(dst, size, &r);
+}
+
+static int unpack_$lower(union fw_value *v, const uint8_t *src, size_t size)
+{
+    struct vorlink_$lower r;
+    int status;
+$to_record    status = vorlink_${lower}_unpack(&r, src, size);
+$from_record    return status;
+}
+""")
+
+FIRMWARE_ROW_FIELD = T("    {\"$name\", sizeof(((struct vorlink_$lower *)0)->$name), offsetof(struct vorlink_$lower, $name)},")
+
+FIRMWARE_TO_RECORD = T("    r.$name = v[$index].$wire;\n")
+
+FIRMWARE_FROM_RECORD = T("    v[$index].$wire = r.$name;\n")
+
+FIRMWARE_ROW_ENTRY = T("    {VORLINK_${upper}_ID, VORLINK_${upper}_SIZE, $count, $fields, $pack, $unpack},")

@@ -244,11 +244,89 @@ OUTPUTS = {
 }
 
 
+# --- firmware: vorlink_messages.h, C99 for the nodes -----------------------------
+
+C_TYPE = {"U08": "uint8_t", "U16": "uint16_t", "U32": "uint32_t", "S16": "int16_t", "S32": "int32_t", "F32": "float"}
+
+
+def c_name(row):
+    """The message's name in the firmware header: the enumerator without MSG_ID_."""
+    return row.enumerator[len("MSG_ID_"):]
+
+
+def check_firmware_names(rows):
+    """Two rows whose C names would meet: VORLINK_A_ID against VORLINK_B_ID of
+    another row, or vorlink_a_pack against the struct of a row named A_PACK."""
+    seen = {"VORLINK_MESSAGE_COUNT": "the header", "vorlink_message_info": "the header",
+            "vorlink_message_table": "the header", "vorlink_message_by_id": "the header",
+            "vorlink_float_is_32_bits": "the header"}
+    seen.update({f"vorlink_{d}_{w.lower()}": "the header" for d in ("put", "get") for w in WIRE_WIDTH})
+    for r in rows:
+        upper, lower = c_name(r), c_name(r).lower()
+        names = [f"VORLINK_{upper}_ID", f"VORLINK_{upper}_SIZE"]
+        if r.fields:
+            names += [f"vorlink_{lower}", f"vorlink_{lower}_pack", f"vorlink_{lower}_unpack"]
+        for name in names:
+            if name in seen:
+                raise SystemExit(f"{r.enumerator}: its firmware name {name} is taken by {seen[name]}")
+            seen[name] = r.enumerator
+
+
+def wire_offsets(row):
+    at = 0
+    for f in row.fields:
+        yield f, at
+        at += WIRE_WIDTH[f.wire]
+
+
+def firmware_h(rows):
+    check_firmware_names(rows)
+    messages = []
+    for r in rows:
+        upper, lower = c_name(r), c_name(r).lower()
+        messages.append(t.FIRMWARE_MACROS.substitute(message=r.message, upper=upper, id=r.hex_id, bytes=r.bytes))
+        if r.fields:
+            messages.append(t.FIRMWARE_RECORD.substitute(
+                lower=lower, wire_size=r.wire_size,
+                members="".join(t.FIRMWARE_MEMBER.substitute(ctype=C_TYPE[f.wire], name=f.name) for f in r.fields),
+                puts="".join(t.FIRMWARE_PUT.substitute(wire=f.wire.lower(), offset=at, name=f.name)
+                             for f, at in wire_offsets(r)),
+                gets="".join(t.FIRMWARE_GET.substitute(wire=f.wire.lower(), offset=at, name=f.name)
+                             for f, at in wire_offsets(r))))
+    table = "\n".join(t.FIRMWARE_TABLE_ENTRY.substitute(id=r.hex_id, bytes=r.bytes, wire_size=r.wire_size,
+                                                        message=r.message) for r in rows)
+    return t.FIRMWARE_H.substitute(count=len(rows), messages="".join(messages), table=table)
+
+
+def firmware_rows_c(rows):
+    functions, entries = [], []
+    for r in rows:
+        upper, lower = c_name(r), c_name(r).lower()
+        if r.fields:
+            functions.append(t.FIRMWARE_ROW_FUNCTIONS.substitute(
+                lower=lower,
+                fields="\n".join(t.FIRMWARE_ROW_FIELD.substitute(lower=lower, name=f.name) for f in r.fields),
+                to_record="".join(t.FIRMWARE_TO_RECORD.substitute(name=f.name, index=k, wire=f.wire)
+                                  for k, f in enumerate(r.fields)),
+                from_record="".join(t.FIRMWARE_FROM_RECORD.substitute(name=f.name, index=k, wire=f.wire)
+                                    for k, f in enumerate(r.fields))))
+        entries.append(t.FIRMWARE_ROW_ENTRY.substitute(
+            upper=upper, count=len(r.fields), fields=f"fields_{lower}" if r.fields else "NULL",
+            pack=f"pack_{lower}" if r.fields else "NULL", unpack=f"unpack_{lower}" if r.fields else "NULL"))
+    return t.FIRMWARE_ROWS_C.substitute(rows="".join(functions), entries="\n".join(entries))
+
+
+FIRMWARE_OUTPUTS = {
+    "vorlink_messages.h": firmware_h,
+    "VorlinkFirmwareRows.c": firmware_rows_c,
+}
+
+
 def main(argv):
     if len(argv) != 3:
         raise SystemExit(__doc__)
     rows = parse_rows(argv[1])
-    for name, emit in OUTPUTS.items():
+    for name, emit in {**OUTPUTS, **FIRMWARE_OUTPUTS}.items():
         text = emit(rows)
         path = os.path.join(argv[2], name)
         os.makedirs(os.path.dirname(path), exist_ok=True)

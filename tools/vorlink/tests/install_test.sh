@@ -31,7 +31,7 @@ if [ -z "$cpack" ]; then
     objdump -p "$lib" | grep -q "SONAME *$soname\$" || fail "soname is not $soname"
     for f in include/Vorlink/ZelkoMsgDefs.h include/Vorlink/ZelkoMsgProtoUtils.h include/Vorlink/ZelkoMsgRowList.h \
              include/Vorlink/ZelkoMsgDefs.pb.h include/Vorlink/VorlinkExport.h include/Bytra/Types.h include/Bytra/Can.h \
-             share/vorlink/proto/ZelkoMsgDefs.proto bin/vorlink; do
+             include/Vorlink/vorlink_messages.h share/vorlink/proto/ZelkoMsgDefs.proto bin/vorlink; do
         [ -e "$prefix/$f" ] || fail "$f not installed"
     done
     # Every header that is installed must compile on its own from the installed tree.
@@ -57,6 +57,7 @@ else
     [ "$(files "${debs[0]}")" = "usr/lib/libVorlink.so.$major usr/lib/libVorlink.so.$6" ] || fail "$runtime holds $(files "${debs[0]}")"
     [ "$(files "${debs[2]}")" = "usr/bin/vorlink" ] || fail "vorlink-tools holds $(files "${debs[2]}")"
     files "${debs[1]}" | grep -q 'usr/share/vorlink/proto/ZelkoMsgDefs.proto' || fail "libvorlink-dev lacks the schema"
+    files "${debs[1]}" | grep -q 'usr/include/Vorlink/vorlink_messages.h' || fail "libvorlink-dev lacks vorlink_messages.h"
     dpkg-deb -I "${debs[0]}" shlibs | grep -qx "libVorlink $major $runtime (>= $version)" || fail "$runtime has no shlibs entry"
     [ "$(dpkg-deb -I "${debs[0]}" symbols | sed -n 1p)" = "libVorlink.so.$major $runtime #MINVER#" ] || fail "$runtime has no symbols file"
     for deb in "${debs[@]:1}"; do
@@ -92,6 +93,15 @@ cmake --build "$work/host-build" > "$work/host-build.log"
 got=$("$work/host-build/host")
 [ "$got" = "$expected" ] || fail "CMake host printed '$got'"
 
+# Node firmware: C99 through Vorlink::Firmware, where Qt and protobuf cannot be found.
+cp -r "$(dirname "$host_src")/firmware-host" "$work/firmware-host"
+cmake -S "$work/firmware-host" -B "$work/firmware-build" -DCMAKE_PREFIX_PATH="$prefix" \
+    -DCMAKE_DISABLE_FIND_PACKAGE_Qt5=ON -DCMAKE_DISABLE_FIND_PACKAGE_Protobuf=ON > "$work/firmware-configure.log" ||
+    { cat "$work/firmware-configure.log"; fail "Vorlink::Firmware not found without Qt and protobuf"; }
+cmake --build "$work/firmware-build" > "$work/firmware-build.log" || { cat "$work/firmware-build.log"; fail "firmware build"; }
+got=$("$work/firmware-build/firmware-host")
+[ "$got" = "02000000010000003c0000000500 AlarmStatusData 14" ] || fail "firmware host printed '$got'"
+
 export PKG_CONFIG_PATH=$libdir/pkgconfig
 c++ -std=c++17 -fPIC $flags "$work/host/host.cpp" -o "$work/host-pc" $(pkg-config --cflags --libs vorlink) \
     -Wl,-rpath,"$libdir"
@@ -117,4 +127,4 @@ assert vorlink.__file__.startswith('$work'), vorlink.__file__
 print(vorlink.to_protobuf(0x0100, bytes.fromhex('02000000010000003c0000000500'), time=1700000000.123, sequence=7).hex())")
     [ "$got" = "$proto" ] || fail "the installed Python module wrote '$got'"
 fi
-echo "library, headers, schema, CMake package, pkg-config, tool${python:+ and Python module} all work${cpack:+, from the Debian packages}"
+echo "library, headers, firmware header, schema, CMake package, pkg-config, tool${python:+ and Python module} all work${cpack:+, from the Debian packages}"
