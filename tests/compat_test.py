@@ -3,7 +3,7 @@ reported naming message, field and reader, additions pass; scripts/symbols on th
 
     compat_test.py LIBRARY
 """
-import gzip, os, re, subprocess, sys, tempfile, unittest
+import gzip, os, re, shutil, subprocess, sys, tempfile, unittest
 from importlib.machinery import SourceFileLoader
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
@@ -25,14 +25,14 @@ def edited(old, new, row=""):
 
 
 class Check(unittest.TestCase):
-    def run_check(self, rows, schema=None, version=(1, 0, 0), symbols=SYMBOLS):
+    def run_check(self, rows, schema=None, version=(1, 0, 0), symbols=SYMBOLS, baseline=BASELINE):
         with tempfile.TemporaryDirectory() as tmp:
             paths = [os.path.join(tmp, name) for name in (compat.ROWS, compat.SCHEMA)]
             with open(paths[0], "w", encoding="utf-8") as f:
                 f.write(rows)
             with open(paths[1], "w", encoding="utf-8") as f:
                 f.write(schema or gen.proto(gen.parse_rows(paths[0])))
-            return compat.check(*paths, symbols, version, BASELINE)
+            return compat.check(*paths, symbols, version, baseline)
 
     def test_each_breaking_edit_is_named_with_its_reader(self):
         status = "alarmState:U32 alarmTop:U32 silenceExpiresIn:U32 alarmsFlags:U16"
@@ -123,6 +123,17 @@ class Check(unittest.TestCase):
         compat.compare_schema(compat.descriptors(schema), compat.descriptors(schema + "message Extra {\n}\n"), {},
                               report)
         self.assertEqual((report.lines(), report.additions), ([], ["zelko.messages.Extra: new schema message"]))
+
+    def test_a_release_that_keeps_its_firmware_header_is_held_to_it(self):
+        with tempfile.TemporaryDirectory() as tmp:
+            baseline = os.path.join(tmp, "1.0.0")
+            shutil.copytree(BASELINE, baseline)
+            header = gen.firmware_h(gen.parse_rows(os.path.join(BASELINE, compat.ROWS)))
+            with open(os.path.join(baseline, compat.FIRMWARE_HEADER), "w", encoding="utf-8") as f:
+                f.write(header.replace("    uint16_t alarmsFlags;", "    uint32_t alarmsFlags;"))
+            self.assertEqual(self.run_check(RELEASED, baseline=baseline).lines(), [
+                "struct vorlink_alarm_status_data: member alarmsFlags changed from uint32_t to uint16_t "
+                "(breaks firmware sources)"])
 
     def test_an_edit_of_the_committed_schema_counts(self):
         schema = gen.proto(gen.parse_rows(os.path.join(BASELINE, compat.ROWS)))

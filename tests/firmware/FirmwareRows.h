@@ -12,8 +12,6 @@
 extern "C" {
 #endif
 
-struct vorlink_message_info;
-
 /* One field's value, in the member named after its wire type. */
 union fw_value {
     uint8_t U08;
@@ -45,8 +43,16 @@ struct fw_row {
 extern const struct fw_row fw_rows[];
 extern const size_t fw_row_count;
 
-const struct vorlink_message_info *fw_table(void);
-const struct vorlink_message_info *fw_lookup(uint16_t id);
+/* An entry of vorlink_message_table(). */
+struct fw_info {
+    unsigned long id, size, wire_size;
+    const char *name;
+};
+
+size_t fw_message_count(void); /* VORLINK_MESSAGE_COUNT */
+struct fw_info fw_table_entry(size_t k);
+/* The index in the table of what vorlink_message_by_id(id) gives, or -1 for NULL. */
+long fw_lookup(uint16_t id);
 
 #ifdef __cplusplus
 }

@@ -626,9 +626,24 @@ $entries
 
 const size_t fw_row_count = sizeof fw_rows / sizeof fw_rows[0];
 
-const struct vorlink_message_info *fw_table(void) { return vorlink_message_table(); }
+size_t fw_message_count(void) { return VORLINK_MESSAGE_COUNT; }
 
-const struct vorlink_message_info *fw_lookup(uint16_t id) { return vorlink_message_by_id(id); }
+struct fw_info fw_table_entry(size_t k)
+{
+    const struct vorlink_message_info *e = vorlink_message_table() + k;
+    struct fw_info info;
+    info.id = e->id;
+    info.size = e->size;
+    info.wire_size = e->wire_size;
+    info.name = e->name;
+    return info;
+}
+
+long fw_lookup(uint16_t id)
+{
+    const struct vorlink_message_info *e = vorlink_message_by_id(id);
+    return e == NULL ? -1 : (long)(e - vorlink_message_table());
+}
 """)
 
 # The record is filled from the values first, so that a refused unpack shows

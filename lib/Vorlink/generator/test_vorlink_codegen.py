@@ -31,12 +31,18 @@ class Generator(unittest.TestCase):
                 rows_from(text)
             self.assertIn(f":{text.count(chr(10))}: {reason}", str(raised.exception))
 
+    def test_rows_whose_firmware_names_meet_are_refused(self):
+        rows = rows_from("0x0100  MSG_ID_A  A  4  x:U32\n0x0200  MSG_ID_A_PACK  APack  4  y:U32\n")
+        with self.assertRaises(SystemExit) as raised:
+            gen.firmware_h(rows)
+        self.assertEqual(str(raised.exception), "MSG_ID_A_PACK: its firmware name vorlink_a_pack is taken by MSG_ID_A")
+
     def test_output_is_the_same_on_every_run(self):
         with tempfile.TemporaryDirectory() as a, tempfile.TemporaryDirectory() as b:
             for out in (a, b):
                 subprocess.run([sys.executable, os.path.join(HERE, "vorlink_codegen.py"),
                                 os.path.join(HERE, "..", "src", "ZelkoMsgRows.txt"), out], check=True)
-            for name in gen.OUTPUTS:
+            for name in {**gen.OUTPUTS, **gen.FIRMWARE_OUTPUTS}:
                 with open(os.path.join(a, name), "rb") as fa, open(os.path.join(b, name), "rb") as fb:
                     self.assertEqual(fa.read(), fb.read(), name)
 
