@@ -161,8 +161,9 @@ TEST(FirmwareHeader, EveryRowHasTheLibrarysIdSizeAndFields)
         for (std::size_t k = 0; k < c->field_count; ++k) {
             EXPECT_STREQ(c->fields[k].name, lib->field(k).name);
             EXPECT_EQ(c->fields[k].size, std::size_t(lib->field(k).width)) << lib->field(k).name;
-            if (k > 0)
+            if (k > 0) {
                 EXPECT_GT(c->fields[k].offset, c->fields[k - 1].offset) << "struct members out of wire order";
+            }
         }
     }
 }
