@@ -21,6 +21,11 @@ foreach(_component IN LISTS CPACK_COMPONENTS_ALL)
     execute_process(COMMAND gzip -9nf ${_doc}/changelog.Debian COMMAND_ERROR_IS_FATAL ANY)
 endforeach()
 
+# The development files' lintian overrides, each with its reason.
+set(_overrides ${CPACK_TEMPORARY_DIRECTORY}/development${CPACK_PACKAGING_INSTALL_PREFIX}/share/lintian/overrides)
+file(MAKE_DIRECTORY ${_overrides})
+file(COPY_FILE ${_src}/libvorlink-dev.lintian-overrides ${_overrides}/libvorlink-dev)
+
 file(GLOB _tools ${CPACK_TEMPORARY_DIRECTORY}/tools${CPACK_PACKAGING_INSTALL_PREFIX}/${CPACK_VORLINK_BINDIR}/*)
 file(GLOB_RECURSE _extensions ${CPACK_TEMPORARY_DIRECTORY}/python/*.so)
 list(APPEND _tools ${_extensions})

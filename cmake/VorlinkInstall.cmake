@@ -21,6 +21,7 @@ install(FILES
     ${_vorlink_gen_dir}/ZelkoMsgProtoUtils.h
     ${_vorlink_gen_dir}/ZelkoMsgRowList.h
     ${_vorlink_gen_dir}/ZelkoMsgDefs.pb.h
+    ${_vorlink_gen_dir}/VorlinkVersion.h
     ${PROJECT_SOURCE_DIR}/lib/Vorlink/src/VorlinkExport.h
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Vorlink COMPONENT development)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/lib/Bytra/include/Bytra
@@ -77,7 +78,9 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/VorlinkConfigVersion.cmak
 install(FILES ${PROJECT_BINARY_DIR}/VorlinkConfig.cmake ${PROJECT_BINARY_DIR}/VorlinkConfigVersion.cmake
     DESTINATION ${VORLINK_CMAKE_DIR} COMPONENT development)
 
-# pkg-config: prefix-relative, so the installed tree can be moved.
+# pkg-config: prefix-relative, so the installed tree can be moved. Qt 5 is
+# built with -reduce-relocations, and its headers refuse code that is not
+# position independent: -fPIC is part of what a host compiles with.
 file(WRITE ${PROJECT_BINARY_DIR}/vorlink.pc.in [=[
 prefix=${pcfiledir}/../..
 exec_prefix=${prefix}
@@ -90,7 +93,7 @@ Description: Message dictionary of the dialysis machine's CAN bus
 Version: @PROJECT_VERSION@
 Requires: Qt5Core protobuf
 Libs: -L${libdir} -lVorlink -lBytra
-Cflags: -I${includedir}/Vorlink -I${includedir}
+Cflags: -I${includedir}/Vorlink -I${includedir} -fPIC
 ]=])
 configure_file(${PROJECT_BINARY_DIR}/vorlink.pc.in ${PROJECT_BINARY_DIR}/vorlink.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/vorlink.pc

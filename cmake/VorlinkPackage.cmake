@@ -2,8 +2,9 @@
 #   libvorlinkN     (component runtime)      libVorlink.so.N and its real file, N the
 #                   major version: a new major version is a new soname and package
 #   libvorlink-dev  (component development)  headers, the libVorlink.so link,
-#                   libBytra.a, the CMake package, the pkg-config file, the schema
-#   vorlink-tools   (component tools)        the vorlink command
+#                   libBytra.a, the CMake package, the pkg-config file, the schema,
+#                   the API reference and CHANGELOG.md
+#   vorlink-tools   (component tools)        the vorlink command and its manual pages
 #   python3-vorlink (component python)       the Python package vorlink
 # `scripts/package` builds them; `cpack -G DEB` in a build tree does the same.
 
@@ -13,7 +14,9 @@ set(CPACK_PACKAGE_VENDOR "Vorlink developers")
 set(CPACK_PACKAGE_CONTACT "Vorlink developers <dev@vorlink.invalid>")
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
-set(CPACK_STRIP_FILES ON)
+# The binaries are stripped as their debugging information goes into the
+# -dbgsym packages below; CPack strips only what it has split.
+set(CPACK_STRIP_FILES OFF)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_ALL runtime development tools)
 if(VORLINK_BUILD_PYTHON)
@@ -50,6 +53,13 @@ set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 # symbol of it is no longer exported.
 set(CPACK_VORLINK_SYMBOLS_OUT ${PROJECT_BINARY_DIR}/packaging/symbols)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/triggers ${CPACK_VORLINK_SYMBOLS_OUT})
+# The library, the tool and the Python extension ship stripped; their
+# debugging information goes into libvorlinkN-dbgsym, vorlink-tools-dbgsym and
+# python3-vorlink-dbgsym (.ddeb), under /usr/lib/debug/.build-id/, where gdb
+# finds it by the binary's build id.
+set(CPACK_DEBIAN_RUNTIME_DEBUGINFO_PACKAGE ON)
+set(CPACK_DEBIAN_TOOLS_DEBUGINFO_PACKAGE ON)
+set(CPACK_DEBIAN_PYTHON_DEBUGINFO_PACKAGE ON)
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "message dictionary of the dialysis machine's CAN bus
 ${_vorlink_about}
 .
@@ -101,5 +111,15 @@ set(CPACK_VORLINK_LIBRARY ${CMAKE_INSTALL_LIBDIR}/libVorlink.so.${PROJECT_VERSIO
 set(CPACK_VORLINK_SYMBOLS ${VORLINK_SYMBOLS})
 set(CPACK_VORLINK_PYTHON ${Python3_EXECUTABLE})
 set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/VorlinkDebStage.cmake)
+
+# Everything the packages hold, and nothing else: what scripts/package builds
+# before CPack, so that it works in a fresh tree without the tests.
+add_custom_target(package-contents)
+add_dependencies(package-contents Vorlink Bytra docs)
+foreach(_target vorlink vorlink-man _vorlink vorlink_python_package)
+    if(TARGET ${_target})
+        add_dependencies(package-contents ${_target})
+    endif()
+endforeach()
 
 include(CPack)

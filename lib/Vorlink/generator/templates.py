@@ -8,10 +8,20 @@ from string import Template as T
 BANNER = "// Generated from ZelkoMsgRows.txt by vorlink_codegen.py. Do not edit.\n"
 
 # --- ZelkoMsgDefs.h: MsgId, the payload records, payloadSize --------------------
+# The header explains itself: every enumerator, record, field and member carries
+# a doc comment made from its row (Doxygen reads them into the reference).
 
 DEFS_H = T(BANNER + """#pragma once
 
+/// \\file
+/// The message ids, one payload record per message, msgIdString and payloadSize.
+/// Every record, its fields and its three members are documented from the
+/// message list: id, enumerator, schema message, payload size, and each wire
+/// field's byte offset, wire type and schema type. The contract the records
+/// share is on the page \\ref records.
+
 #include "VorlinkExport.h"
+#include "VorlinkVersion.h"
 
 #include "Bytra/Types.h"
 
@@ -19,18 +29,33 @@ DEFS_H = T(BANNER + """#pragma once
 #include <QMap>
 #include <QString>
 
+/// The library's own code: records, the protobuf bridge, the conversion and the identity tables.
 namespace zelko {
 
+/// The id of every message on the bus, one enumerator per message, in ascending id.
+/// The low byte is the id class (0x00 operational, 0x80 TD service, 0xA0 DD
+/// service, 0xB0 FP service, 0xFF debug and acknowledge); the high byte runs
+/// inside a class.
 enum MsgId : quint16 {
 $enumerators
 };
 
-// The enumerator's name, or "0x" and four hex digits for an id of no message.
+/// \\brief The enumerator's own name, for example "MSG_ID_ALARM_STATUS_DATA" for 0x0100.
+///
+/// For a number that no message has, "0x" and four lower-case hexadecimal
+/// digits ("0x0001", "0xabcd"). Never fails and logs nothing; a known id
+/// allocates nothing. Safe on any thread.
 VORLINK_EXPORT QString msgIdString(MsgId msgId);
 
 $records
-// Payload size in bytes of each message. Every translation unit that includes
-// this header holds its own copy; it is not exported.
+/// \\brief Payload size in bytes of each message, as it travels on the bus.
+///
+/// 474 keys, one per message; a number that no message has is not a key
+/// (`payloadSize.value(id)` gives 0, `payloadSize.contains(id)` false). It
+/// equals the record's wire size except for the five union messages, whose
+/// records read fewer bytes than the payload holds. Every translation unit that
+/// includes this header holds its own copy, filled when the program is loaded
+/// and never changed, so it may be read from any thread; it is not exported.
 static const QMap<MsgId, long long> payloadSize = {
 $payload_sizes
 };
@@ -38,17 +63,55 @@ $payload_sizes
 } // namespace zelko
 """)
 
-ENUMERATOR = T("    $enumerator = $id,")
+ENUMERATOR = T("    $enumerator = $id, ///< $message: record ${message}Payload, $bytes bytes.")
 
-RECORD = T("""struct VORLINK_EXPORT ${message}Payload
+RECORD = T("""$doc
+struct VORLINK_EXPORT ${message}Payload
 {
-$members    bool fromQByteArray(const QByteArray &buffer);
+$members    /// Reads $read; see \\ref records.
+    /// \\return $result
+    bool fromQByteArray(const QByteArray &buffer);
+    /// Appends $written to \\p out, which is not cleared first; see \\ref records.
     void toQByteArray(QByteArray &out) const;
+    /// Writes the line "${message}Payload: $dump" with qDebug(); see \\ref records.
     void dump() const;
 };
 """)
 
-RECORD_MEMBER = T("    Bytra::Types::$type $name;\n")
+RECORD_READ_RESULT = T("""false, with a warning in "bytra.types", when \\p buffer holds fewer than
+    ///         $wire_size bytes: the fields before the one that did not fit are read, the rest keep
+    ///         their values. Bytes behind the record are accepted and not looked at.""")
+
+RECORD_READ_ANY = "true, whatever \\p buffer holds."
+
+RECORD_DOC = T("""/**
+ * \\brief $message, id $id: the payload record.
+ *
+ * - Id: $id, enumerator #$enumerator
+ * - Schema message: \\c zelko.messages.$message (C++ \\c zelko::messages::$message)
+ * - Payload size: $bytes bytes; the record reads and writes $wire_size
+ *
+$layout$notes */""")
+
+RECORD_DOC_TABLE = T(""" * | Byte | Field | Wire type | Schema type | Schema field |
+ * |-----:|-------|-----------|-------------|-------------:|
+$lines""")
+
+RECORD_DOC_LINE = T(" * | $offset | #$name | $wire | $schema | $number |\n")
+
+RECORD_DOC_EMPTY = """ * No fields: any payload is accepted and none of it is read, nothing is
+ * written, and the schema message holds its header alone.
+"""
+
+RECORD_DOC_UNION = T(""" *
+ * A union message: the schema holds the oneof $groups, for which the record
+ * has no fields. Unread bytes: $first to $last ($unread bytes) of the $bytes-byte
+ * payload are not read by fromQByteArray and not written by toQByteArray.
+ * serializeProto leaves the oneof unset, deserializeProto drops it, and both
+ * write a debug line in the default category (see \\ref bridge).
+""")
+
+RECORD_MEMBER = T("    Bytra::Types::$type $name; ///< Byte $offset, $type on the wire, $schema in the schema (field $number).\n")
 
 PAYLOAD_SIZE = T("    {$enumerator, $bytes},")
 
@@ -108,6 +171,12 @@ void ${message}Payload::dump() const { detail::dumpRecord(*this); }
 
 PROTO_UTILS_H = T(BANNER + """#pragma once
 
+/// \\file
+/// The conversion of a received message, the protobuf bridge (one serializeProto
+/// and one deserializeProto per record) and msgIdToProtoName. Including this
+/// header includes ZelkoMsgDefs.h and Bytra/Can.h as well. The contract of the
+/// bridge is on the page \\ref bridge.
+
 #include "VorlinkExport.h"
 #include "ZelkoMsgDefs.h"
 
@@ -120,21 +189,70 @@ PROTO_UTILS_H = T(BANNER + """#pragma once
 
 namespace zelko {
 
-// Decodes a received message's payload into its record and writes the record
-// as its schema message, stamped with a Header, into `out` (emptied on failure).
+/**
+ * \\brief Converts a received message into its serialized schema message, in one call.
+ *
+ * The message's id selects its record by exact match of all 16 bits; the record
+ * (all fields 0) reads \\p message's payload with fromQByteArray, and the record's
+ * serializeProto writes the schema message `zelko.messages.<Message>`, its Header
+ * stamped with \\p timestamp, \\p message.sequence and \\p message.msgId, into \\p out.
+ * The payload's length is not compared with payloadSize: bytes behind the
+ * record are ignored, and a message without fields accepts any payload.
+ *
+ * \\param timestamp goes into Header.timestamp (seconds and nanoseconds since 1970;
+ *        a time before 1970 gives negative nanoseconds).
+ * \\param message the received message; only its sequence, msgId and payload are read.
+ *        The sequence goes into Header.sequence through a \\c short (0xFFFF is -1).
+ * \\param[out] out replaced on success by the schema message's bytes, never appended
+ *        to; left empty (and null) on every failure. Whatever it held is gone.
+ * \\return true when the id is a message's, its payload holds the record and the
+ *        schema message was serialized; false otherwise.
+ *
+ * | Case | Logged | \\p out | Result |
+ * |------|--------|---------|--------|
+ * | id of no message | debug line "WARNING: MsgId=0x%1 not handled" (four lower-case hex digits) in the default category | empty | false |
+ * | payload too short for the record | the warning of the field that did not fit, in "bytra.types", if that category lets warnings through | empty | false |
+ * | serialization fails | nothing | empty | false |
+ * | success | for the five union messages only, the debug line of serializeProto | the schema message | true |
+ *
+ * Throws nothing of its own. Holds no state and takes no lock: it may run on
+ * several threads at once, each with its own \\p out.
+ */
 VORLINK_EXPORT bool canMessageToProtobufByteArray(const QDateTime &timestamp, const Bytra::Can::Message &message,
                                                   QByteArray &out);
 
-// "zelko.messages.<Message>", or an empty string for an id of no message.
+/**
+ * \\brief The full name of the schema message of \\p msgId, `"zelko.messages.<Message>"`.
+ *
+ * \\return a reference to the name, or to an empty string for a number that no
+ *         message has. The reference stays valid while the library is loaded;
+ *         two calls for one number return the same string.
+ *
+ * Never fails and logs nothing. The table is built at the first call, from any
+ * thread (others wait for it), and only read afterwards: safe on any thread.
+ */
 VORLINK_EXPORT const std::string &msgIdToProtoName(unsigned short msgId);
 
 $overloads
 } // namespace zelko
 """)
 
-OVERLOAD_DECLS = T("""VORLINK_EXPORT bool serializeProto(const ${message}Payload &record, const QDateTime &timestamp, short sequence, unsigned short msgId, QByteArray &out);
+OVERLOAD_DECLS = T("""/// \\brief $message: writes \\p record as \\c zelko.messages.$message, stamped with a Header, into \\p out.
+///
+/// \\p out is replaced on success and left empty on failure; \\p msgId goes into the
+/// Header unchecked.${serialize_note} See \\ref bridge.
+VORLINK_EXPORT bool serializeProto(const ${message}Payload &record, const QDateTime &timestamp, short sequence, unsigned short msgId, QByteArray &out);
+/// \\brief $message: reads the bytes of a \\c zelko.messages.$message into \\p record.
+///
+/// Every field of \\p record is written on success (a field missing from the bytes
+/// becomes 0); a failed parse leaves \\p record unchanged. The Header is not
+/// read.${deserialize_note} See \\ref bridge.
 VORLINK_EXPORT bool deserializeProto(const QByteArray &buffer, ${message}Payload &record);
 """)
+
+OVERLOAD_UNION_NOTE = T(""" A union message: its oneof fields are $which
+/// and every call writes the debug line in the default category
+/// "WARNING: MsgId=$message contains union/oneof field(s); protobuf $direction is partial".""")
 
 # --- ZelkoMsgProtoUtils.cpp -----------------------------------------------------
 
@@ -197,21 +315,25 @@ PROTO_NAME = T("        {$id, \"zelko.messages.$message\"},")
 
 ROW_LIST_H = T(BANNER + """#pragma once
 
+/// \\file
+/// Every message of the dictionary as a type, for host code that ranges over
+/// all of them at compile time (std::apply over a std::tuple of Rows).
+
 #include "ZelkoMsgDefs.h"
 
 #include <tuple>
 
 namespace zelko {
 
-// A message of the dictionary as a type: its record and its id.
+/// A message of the dictionary as a type: its record and its id.
 template <class Record, MsgId Id>
 struct Row
 {
-    using Payload = Record;
-    static constexpr MsgId id = Id;
+    using Payload = Record;            ///< The message's payload record.
+    static constexpr MsgId id = Id;    ///< The message's id.
 };
 
-// All rows, in ascending id.
+/// All 474 messages as Rows, in ascending id.
 using AllRows = std::tuple<
 $rows>;
 

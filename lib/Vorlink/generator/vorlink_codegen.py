@@ -131,10 +131,57 @@ def join(template, rows, **extra):
                                          bytes=r.bytes, **extra) for r in rows)
 
 
+def schema_numbers(row):
+    """Each field's number in its schema message: 1 is the header, the fields
+    follow from 2, and a oneof group behind a field takes the next four."""
+    numbers, number = [], 2
+    for f in row.fields:
+        numbers.append(number)
+        number += 1 + (ONEOF_WIDTH if f.oneof_after else 0)
+    return numbers
+
+
+def offsets(row):
+    result, offset = [], 0
+    for f in row.fields:
+        result.append(offset)
+        offset += WIRE_WIDTH[f.wire]
+    return result
+
+
+def plural(n, word):
+    return f"{n} {word}" + ("" if n == 1 else "s")
+
+
+def record_doc(r):
+    if r.fields:
+        layout = t.RECORD_DOC_TABLE.substitute(lines="".join(
+            t.RECORD_DOC_LINE.substitute(offset=o, name=f.name, wire=f.wire, schema=f.schema_type, number=n)
+            for f, o, n in zip(r.fields, offsets(r), schema_numbers(r))))
+    else:
+        layout = t.RECORD_DOC_EMPTY
+    notes = ""
+    if r.is_union:
+        groups = [f.oneof_after for f in r.fields if f.oneof_after]
+        notes = t.RECORD_DOC_UNION.substitute(
+            groups=("groups " + " and ".join(groups)) if len(groups) > 1 else "group " + groups[0],
+            first=r.wire_size, last=r.bytes - 1, unread=r.bytes - r.wire_size, bytes=r.bytes)
+    return t.RECORD_DOC.substitute(message=r.message, id=r.hex_id, enumerator=r.enumerator, bytes=r.bytes,
+                                   wire_size=r.wire_size, layout=layout, notes=notes)
+
+
 def defs_h(rows):
     records = "\n".join(t.RECORD.substitute(
         message=r.message,
-        members="".join(t.RECORD_MEMBER.substitute(type=f.wire, name=f.name) for f in r.fields) +
+        doc=record_doc(r),
+        read=f"the {plural(len(r.fields), 'field')} ({r.wire_size} bytes) from \\p buffer, from byte 0" if r.fields
+        else "nothing from \\p buffer",
+        result=t.RECORD_READ_RESULT.substitute(wire_size=r.wire_size) if r.fields else t.RECORD_READ_ANY,
+        written=f"the {r.wire_size} wire bytes" if r.fields else "nothing",
+        dump=", ".join(f"{f.name}=<value>" for f in r.fields) or "<none>",
+        members="".join(t.RECORD_MEMBER.substitute(type=f.wire, name=f.name, offset=o, schema=f.schema_type,
+                                                   number=n)
+                        for f, o, n in zip(r.fields, offsets(r), schema_numbers(r))) +
                 ("\n" if r.fields else "")) for r in rows)
     return t.DEFS_H.substitute(enumerators=join(t.ENUMERATOR, rows), records=records,
                                payload_sizes=join(t.PAYLOAD_SIZE, rows))
@@ -152,9 +199,15 @@ def defs_cpp(rows):
                                  members="\n".join(t.RECORD_MEMBERS.substitute(message=r.message) for r in rows))
 
 
+def union_note(r, which, direction):
+    return t.OVERLOAD_UNION_NOTE.substitute(which=which, message=r.message, direction=direction) if r.is_union else ""
+
+
 def proto_utils_h(rows):
-    return t.PROTO_UTILS_H.substitute(overloads="\n".join(t.OVERLOAD_DECLS.substitute(message=r.message)
-                                                          for r in rows))
+    return t.PROTO_UTILS_H.substitute(overloads="\n".join(t.OVERLOAD_DECLS.substitute(
+        message=r.message,
+        serialize_note=union_note(r, "left unset,", "serialization"),
+        deserialize_note=union_note(r, "dropped,", "deserialization")) for r in rows))
 
 
 def proto_utils_cpp(rows):

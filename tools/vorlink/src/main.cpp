@@ -3,6 +3,7 @@
 
 #include "Command.h"
 #include "Dictionary.h"
+#include "VorlinkVersion.h"
 
 #include <algorithm>
 #include <csignal>
@@ -10,9 +11,6 @@
 #include <string>
 #include <vector>
 
-#ifndef VORLINK_VERSION
-#define VORLINK_VERSION "unknown"
-#endif
 #ifndef VORLINK_SONAME
 #define VORLINK_SONAME "libVorlink.so"
 #endif
@@ -39,7 +37,7 @@ int main(int argc, char **argv)
     CLI::App app("The Vorlink message dictionary on the command line.", "vorlink");
     app.footer(footer);
     app.set_version_flag("--version", [] {
-        return std::string("vorlink ") + VORLINK_VERSION + " (" VORLINK_SONAME ", " +
+        return std::string("vorlink ") + VORLINK_VERSION_STRING + " (" VORLINK_SONAME ", " +
                std::to_string(Dictionary::instance().rows().size()) + " messages)";
     });
     const std::vector<Command> commands = {addDecodeCommand(app), addEncodeCommand(app), addStatsCommand(app),

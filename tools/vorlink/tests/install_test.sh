@@ -1,15 +1,21 @@
 #!/usr/bin/env bash
 # Puts a built tree where a host program finds it, checks what landed there,
 # and builds and runs a host program against it from a copy outside the source
-# tree: once through find_package(Vorlink), once through pkg-config, beside the
-# vorlink tool that came with it.
-# Usage: install_test.sh BUILD_DIR WORK_DIR HOST_SOURCE_DIR SANITIZERS [CPACK VERSION]
+# tree: once through find_package(Vorlink), once through pkg-config with the
+# README's own command line, beside the vorlink tool that came with it. The
+# host prints the version of the headers it was compiled against, which must be
+# the version of what was installed.
+# Usage: install_test.sh BUILD_DIR WORK_DIR HOST_SOURCE_DIR SANITIZERS [CPACK VERSION [FRESH_BUILD_DIR]]
 # Without CPACK: `cmake --install` into a scratch prefix. With it: the Debian
-# packages made by CPACK, their split and dependencies checked, lintian run,
-# unpacked into a scratch root. SANITIZERS is the build's -fsanitize list, if
-# any: an instrumented library needs an instrumented host.
+# packages, their split and dependencies checked, lintian run, unpacked into a
+# scratch root. With FRESH_BUILD_DIR, scripts/package makes them there from
+# nothing, as in a fresh clone (FRESH_BUILD_DIR best beside BUILD_DIR, where
+# ccache finds the same relative paths); without it, CPACK packs BUILD_DIR.
+# SANITIZERS is the build's -fsanitize list, if any: an instrumented library
+# needs an instrumented host, and has no manual pages.
 set -euo pipefail
 build=$1 work=$2 host_src=$3 cpack=${5:-}
+readme=$(dirname "$0")/../../../README.md
 python=""   # set when the build has the Python module
 [ -d "$build/python/vorlink" ] && python=/usr/bin/python3
 flags=""
@@ -30,8 +36,10 @@ if [ -z "$cpack" ]; then
     [ "$(readlink "$libdir/libVorlink.so")" = "$soname" ] || fail "libVorlink.so does not point to $soname"
     objdump -p "$lib" | grep -q "SONAME *$soname\$" || fail "soname is not $soname"
     for f in include/Vorlink/ZelkoMsgDefs.h include/Vorlink/ZelkoMsgProtoUtils.h include/Vorlink/ZelkoMsgRowList.h \
-             include/Vorlink/ZelkoMsgDefs.pb.h include/Vorlink/VorlinkExport.h include/Bytra/Types.h include/Bytra/Can.h \
-             include/Vorlink/vorlink_messages.h share/vorlink/proto/ZelkoMsgDefs.proto bin/vorlink; do
+             include/Vorlink/ZelkoMsgDefs.pb.h include/Vorlink/VorlinkExport.h include/Vorlink/VorlinkVersion.h \
+             include/Bytra/Types.h include/Bytra/Can.h include/Vorlink/vorlink_messages.h share/vorlink/proto/ZelkoMsgDefs.proto bin/vorlink \
+             share/doc/libvorlink-dev/html/index.html share/doc/libvorlink-dev/CHANGELOG.md \
+             $([ -n "$flags" ] || echo share/man/man1/vorlink.1.gz); do
         [ -e "$prefix/$f" ] || fail "$f not installed"
     done
     # Every header that is installed must compile on its own from the installed tree.
@@ -42,10 +50,18 @@ if [ -z "$cpack" ]; then
             || fail "$(basename "$h") does not compile alone"
     done
 else
-    version=$6-1 major=${6%%.*}
+    version=$6-1 major=${6%%.*} fresh=${7:-}
     runtime=libvorlink$major
-    "$cpack" --config "$build/CPackConfig.cmake" -B "$work" > "$work/cpack.log" 2>&1 ||
-        { cat "$work/cpack.log"; fail "cpack"; }
+    if [ -n "$fresh" ]; then
+        rm -rf "$fresh"
+        BUILD_DIR=$fresh "$(dirname "$0")/../../../scripts/package" > "$work/package.log" 2>&1 ||
+            { cat "$work/package.log"; fail "scripts/package in a fresh build directory"; }
+        cp "$fresh"/packages/*.deb "$fresh"/packages/*.ddeb "$work"
+        rm -rf "$fresh"
+    else
+        "$cpack" --config "$build/CPackConfig.cmake" -B "$work" > "$work/cpack.log" 2>&1 ||
+            { cat "$work/cpack.log"; fail "cpack"; }
+    fi
     debs=()
     for p in $runtime libvorlink-dev vorlink-tools ${python:+python3-vorlink}; do
         deb=$(echo "$work/${p}_${version}_"*.deb)
@@ -55,9 +71,28 @@ else
     done
     files() { dpkg-deb -c "$1" | awk '$1 !~ /^d/ { sub(/^\.\//, "", $6); print $6 }' | grep -v '^usr/share/doc/' | sort | xargs; }
     [ "$(files "${debs[0]}")" = "usr/lib/libVorlink.so.$major usr/lib/libVorlink.so.$6" ] || fail "$runtime holds $(files "${debs[0]}")"
-    [ "$(files "${debs[2]}")" = "usr/bin/vorlink" ] || fail "vorlink-tools holds $(files "${debs[2]}")"
-    files "${debs[1]}" | grep -q 'usr/share/vorlink/proto/ZelkoMsgDefs.proto' || fail "libvorlink-dev lacks the schema"
-    files "${debs[1]}" | grep -q 'usr/include/Vorlink/vorlink_messages.h' || fail "libvorlink-dev lacks vorlink_messages.h"
+    man=usr/share/man/man1 tools="usr/bin/vorlink"
+    [ -z "$flags" ] && tools="$tools $man/vorlink.1.gz"
+    [ "$(files "${debs[2]}" | tr ' ' '\n' | grep -vx "$man/vorlink-[a-z]*\.1\.gz" | xargs)" = "$tools" ] &&
+        { [ -n "$flags" ] || files "${debs[2]}" | grep -q "$man/vorlink-decode.1.gz"; } ||
+        fail "vorlink-tools holds $(files "${debs[2]}")"
+    dev=$(dpkg-deb -c "${debs[1]}")
+    for f in vorlink/proto/ZelkoMsgDefs.proto doc/libvorlink-dev/html/index.html doc/libvorlink-dev/CHANGELOG.md; do
+        grep -q " ./usr/share/$f\$" <<< "$dev" || fail "libvorlink-dev lacks /usr/share/$f"
+    done
+    for f in VorlinkVersion.h vorlink_messages.h; do
+        grep -q " ./usr/include/Vorlink/$f\$" <<< "$dev" || fail "libvorlink-dev lacks $f"
+    done
+    # The library ships stripped; its debugging symbols come beside it, found by its build id.
+    dbgsym=$(echo "$work/${runtime}-dbgsym_${version}_"*.ddeb)
+    [ -f "$dbgsym" ] || fail "no $runtime-dbgsym package"
+    dpkg-deb -x "$dbgsym" "$work/dbgsym"
+    id=$(readelf -n "$work/root/usr/lib/libVorlink.so.$6" | awk '/Build ID/ { print $3 }')
+    debug=$work/dbgsym/usr/lib/debug/.build-id/${id:0:2}/${id:2}.debug
+    [ -f "$debug" ] || fail "$runtime-dbgsym has no symbols for the build id $id"
+    readelf -S "$work/root/usr/lib/libVorlink.so.$6" | grep -q debug_info && fail "the packaged library is not stripped"
+    # (A build without -g has only its symbol table to give.)
+    [ -z "$fresh" ] || readelf -S "$debug" | grep -q debug_info || fail "$debug has no debugging information"
     dpkg-deb -I "${debs[0]}" shlibs | grep -qx "libVorlink $major $runtime (>= $version)" || fail "$runtime has no shlibs entry"
     [ "$(dpkg-deb -I "${debs[0]}" symbols | sed -n 1p)" = "libVorlink.so.$major $runtime #MINVER#" ] || fail "$runtime has no symbols file"
     for deb in "${debs[@]:1}"; do
@@ -72,6 +107,7 @@ else
             fail "the packaged Python extension keeps an RPATH"
     fi
     prefix=$work/root/usr libdir=$work/root/usr/lib
+    installed=$(dpkg-deb -f "${debs[1]}" Version)
     objdump -p "$prefix/bin/vorlink" | grep -q 'R.*PATH' && fail "the packaged vorlink keeps an RPATH"
     tool_env=(env LD_LIBRARY_PATH="$libdir")
     # A sanitizer build is never shipped; lintian judges the real ones.
@@ -82,10 +118,18 @@ else
 fi
 [ -e "$libdir/cmake/Vorlink/VorlinkConfig.cmake" ] || fail "no CMake package"
 [ -e "$libdir/pkgconfig/vorlink.pc" ] || fail "no pkg-config file"
+export PKG_CONFIG_PATH=$libdir/pkgconfig
+# The version a host is compiled against is the package's: the Debian version
+# without its revision, or that of the pkg-config file and the library's name.
+if [ -z "$cpack" ]; then
+    [ "$(pkg-config --modversion vorlink)" = "$version" ] || fail "vorlink.pc says $(pkg-config --modversion vorlink), the library $version"
+    installed=$version
+fi
+installed=${installed%-*}
 
 # The host sources are copied out, so nothing of the source tree is in reach.
 cp -r "$host_src" "$work/host"
-expected="0a120a0b0880e2cfaa0610c0a9d33a10071880021002180120""3c2805 02000000010000003c0000000500 zelko.messages.AlarmStatusData 14"
+expected="0a120a0b0880e2cfaa0610c0a9d33a10071880021002180120""3c2805 02000000010000003c0000000500 zelko.messages.AlarmStatusData 14 $installed $installed $(printf '%02x%02x%02x' ${installed//./ })"
 
 cmake -S "$work/host" -B "$work/host-build" -DCMAKE_PREFIX_PATH="$prefix" \
     -DCMAKE_CXX_FLAGS="$flags" -DCMAKE_EXE_LINKER_FLAGS="$flags" > "$work/host-configure.log"
@@ -102,11 +146,23 @@ cmake --build "$work/firmware-build" > "$work/firmware-build.log" || { cat "$wor
 got=$("$work/firmware-build/firmware-host")
 [ "$got" = "02000000010000003c0000000500 AlarmStatusData 14" ] || fail "firmware host printed '$got'"
 
-export PKG_CONFIG_PATH=$libdir/pkgconfig
-c++ -std=c++17 -fPIC $flags "$work/host/host.cpp" -o "$work/host-pc" $(pkg-config --cflags --libs vorlink) \
-    -Wl,-rpath,"$libdir"
-got=$("$work/host-pc")
+
+# The README's line, as a user types it (an instrumented build adds its sanitizers).
+line=$(grep -m1 '^g++ host.cpp .*pkg-config --cflags --libs vorlink' "$readme") || fail "README.md has no g++ line with pkg-config"
+(cd "$work/host" && eval "$line $flags") || fail "'$line' fails"
+got=$(LD_LIBRARY_PATH=$libdir "$work/host/host")
 [ "$got" = "$expected" ] || fail "pkg-config host printed '$got'"
+# The README's complete host, built with that line, prints what the README shows:
+# its own lines on standard output, the library's, with their category, on standard error.
+mkdir "$work/readme-host"
+awk 'prev == "```cpp" && /^\/\/ host.cpp:/ { on = 1 } on && /^```$/ { exit } on { print } { prev = $0 }' "$readme" \
+    > "$work/readme-host/host.cpp"
+grep -q 'int main' "$work/readme-host/host.cpp" || fail "README.md has no complete host (a cpp block starting '// host.cpp:')"
+(cd "$work/readme-host" && eval "$line $flags") || fail "'$line' fails on the README's host"
+shown=$(sed -n '/^\$ \.\/host$/,/^```$/p' "$readme" | sed '1d;$d')
+(cd "$work/readme-host" && LD_LIBRARY_PATH=$libdir ./host > out 2> err) || fail "the README's host fails"
+[ "$(cat "$work/readme-host/out")" = "$(grep -v '^\[' <<< "$shown")" ] || fail "the README's host printed $(cat "$work/readme-host/out")"
+[ "$(cat "$work/readme-host/err")" = "$(grep '^\[' <<< "$shown")" ] || fail "the README's host logged $(cat "$work/readme-host/err")"
 
 # The tool that came with the library writes the host's protobuf bytes for the
 # same message, behind their varint length.

@@ -2,9 +2,16 @@
 
 #include <QLoggingCategory>
 
+/// \file
+/// The logging category of the wire value reader.
+
 namespace Bytra {
 
-// Category of the wire value reader's warnings ("bytra.types").
+/// \fn const QLoggingCategory &logTypes()
+/// The category "bytra.types" of the wire value reader's warnings (a payload
+/// too short for its record). All its levels are on by default; the logging
+/// rule "bytra.types.warning=false" turns its warnings off, and the library
+/// then does not even build their text.
 Q_DECLARE_LOGGING_CATEGORY(logTypes)
 
 } // namespace Bytra

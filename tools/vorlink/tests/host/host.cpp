@@ -1,5 +1,6 @@
 // Converts one alarm status message with the installed library and prints the
-// schema message bytes, the record's dump line and the message's names.
+// schema message bytes, the record's wire bytes, the message's names and size,
+// and the version of the headers it was compiled against.
 #include "ZelkoMsgDefs.h"
 #include "ZelkoMsgProtoUtils.h"
 
@@ -22,8 +23,12 @@ int main()
         return 1;
     QByteArray wire;
     record.toQByteArray(wire);
-    std::printf("%s %s %s %d\n", proto.toHex().constData(), wire.toHex().constData(),
+    static_assert(VORLINK_VERSION == VORLINK_VERSION_CHECK(VORLINK_VERSION_MAJOR, VORLINK_VERSION_MINOR,
+                                                           VORLINK_VERSION_PATCH),
+                  "the version number and its parts");
+    std::printf("%s %s %s %d %d.%d.%d %s %06x\n", proto.toHex().constData(), wire.toHex().constData(),
                 zelko::msgIdToProtoName(message.msgId).c_str(),
-                int(zelko::payloadSize.value(zelko::MSG_ID_ALARM_STATUS_DATA)));
+                int(zelko::payloadSize.value(zelko::MSG_ID_ALARM_STATUS_DATA)), VORLINK_VERSION_MAJOR,
+                VORLINK_VERSION_MINOR, VORLINK_VERSION_PATCH, VORLINK_VERSION_STRING, unsigned(VORLINK_VERSION));
     return 0;
 }
