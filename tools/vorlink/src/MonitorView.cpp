@@ -68,10 +68,13 @@ std::string seconds(qint64 msecs)
     return text;
 }
 
+// A value in at most 10 characters, to 6 significant digits where they fit.
 std::string number(double value)
 {
     char text[32];
-    std::snprintf(text, sizeof text, "%.6g", value);
+    for (int digits = 6; digits > 1; --digits)
+        if (std::snprintf(text, sizeof text, "%.*g", digits, value) <= 10)
+            break;
     return text;
 }
 
@@ -324,12 +327,12 @@ void MonitorView::drawDetail(qint64 now, int top, int height, int width)
     int nameWidth = 5;
     for (const WireField *f : t.fields)
         nameWidth = std::max(nameWidth, int(f->name.size()));
-    nameWidth = std::min(nameWidth, std::max(8, width - 40));
+    nameWidth = std::min(nameWidth, std::max(8, width - 35 - 12));   // the trend keeps 12 marks or more
     char text[512];
-    std::snprintf(text, sizeof text, "%-*s %11s %11s %11s  %s", nameWidth, "field", "min", "max", "latest", "trend");
+    std::snprintf(text, sizeof text, "%-*s %10s %10s %10s  %s", nameWidth, "field", "min", "max", "latest", "trend");
     const int columns = int(lines.size());
     lines.emplace_back(text);
-    const int trendWidth = std::max(0, std::min(trendBuckets, width - nameWidth - 38));
+    const int trendWidth = std::max(0, std::min(trendBuckets, width - nameWidth - 35));
     static const bool blocks = utf8Terminal();
     static const char *const blockMarks[] = {"\u2581", "\u2582", "\u2583", "\u2584", "\u2585", "\u2586", "\u2587", "\u2588"};
     static const char *const plainMarks[] = {"_", ".", "-", "~", "=", "+", "*", "#"};
@@ -345,7 +348,7 @@ void MonitorView::drawDetail(qint64 now, int top, int height, int width)
             const double level = h.max > h.min ? (h.means[b] - h.min) / (h.max - h.min) : 0;
             trend += marks[std::min(7, std::max(0, int(level * 8)))];
         }
-        std::snprintf(text, sizeof text, "%-*.*s %11s %11s %11s  %s", nameWidth, nameWidth, t.fields[k]->name.c_str(),
+        std::snprintf(text, sizeof text, "%-*.*s %10s %10s %10s  %s", nameWidth, nameWidth, t.fields[k]->name.c_str(),
                       h.any ? number(h.min).c_str() : "-", h.any ? number(h.max).c_str() : "-",
                       number(h.latest).c_str(), trend.c_str());
         lines.emplace_back(text);
