@@ -1,22 +1,27 @@
 // vorlink monitor: a full-screen live table of a bus log on a terminal, one
-// row per message type seen with its count, rate and age, and the fields of
-// its latest message as its dump line shows them.
+// row per message type seen with its count, rate, age and whether it is
+// overdue, and the fields of its latest message as its dump line shows them.
+// This file holds the command, the keys and the loop over the input; the
+// model and the drawing have files of their own.
 
 #include "Command.h"
 #include "Dictionary.h"
 #include "LogScan.h"
+#include "MonitorModel.h"
+#include "MonitorView.h"
 #include "Selection.h"
 
 #include <curses.h>
 
 #include <algorithm>
-#include <array>
 #include <cctype>
 #include <chrono>
+#include <clocale>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <sstream>
 #include <vector>
 
 #include <fcntl.h>
@@ -25,9 +30,6 @@
 
 namespace vorlink {
 namespace {
-
-enum class SortBy { Id, Name, Count, Recency };
-const char *const sortNames[] = {"id", "name", "count", "recency"};
 
 struct MonitorOptions
 {
@@ -45,76 +47,6 @@ long long steadyMs()
         .count();
 }
 
-// The rate of a message type over the last seconds of log time, counted in
-// half-second buckets.
-class RecentRate
-{
-public:
-    static constexpr qint64 bucketMs = 500;
-    static constexpr int buckets = 10;   // 5 s
-
-    void add(qint64 msecs)
-    {
-        const qint64 b = bucketOf(msecs);
-        const std::size_t slot = std::size_t(b % (buckets + 1));
-        if (ids_[slot] != b) {
-            ids_[slot] = b;
-            counts_[slot] = 0;
-        }
-        ++counts_[slot];
-    }
-    // Messages a second in the window that ends at `now`, which began no
-    // earlier than `start` (the first message of the log); false without a span.
-    bool rate(qint64 now, qint64 start, double &perSecond) const
-    {
-        const qint64 last = bucketOf(now), first = last - (buckets - 1);
-        long long n = 0;
-        for (std::size_t k = 0; k < ids_.size(); ++k)
-            if (ids_[k] >= first && ids_[k] <= last)
-                n += counts_[k];
-        const qint64 span = now - std::max(first * bucketMs, start);
-        if (span <= 0)
-            return false;
-        perSecond = double(n) * 1000.0 / double(span);
-        return true;
-    }
-
-private:
-    static qint64 bucketOf(qint64 msecs) { return msecs / bucketMs; }
-    std::array<qint64, buckets + 1> ids_ = {-1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1};
-    std::array<long long, buckets + 1> counts_ = {};
-};
-
-// What is known of one message type.
-struct Latest
-{
-    const RowInfo *row = nullptr;
-    long long count = 0;
-    qint64 lastMsecs = 0;
-    QByteArray payload;   // of the latest message
-    RecentRate rate;
-    std::string dump;     // its dump line, made when drawn
-    bool dumped = false;
-};
-
-// Greedy wrap at blanks to `width` columns; a word longer than that is cut.
-void wrap(const std::string &text, std::size_t width, std::vector<std::string> &lines)
-{
-    std::size_t at = 0;
-    while (at < text.size()) {
-        std::size_t end = std::min(text.size(), at + width);
-        if (end < text.size()) {
-            const std::size_t blank = text.rfind(' ', end);
-            if (blank != std::string::npos && blank > at)
-                end = blank;
-        }
-        lines.push_back(text.substr(at, end - at));
-        at = end;
-        while (at < text.size() && text[at] == ' ')
-            ++at;
-    }
-}
-
 std::string lower(std::string text)
 {
     for (char &c : text)
@@ -122,86 +54,93 @@ std::string lower(std::string text)
     return text;
 }
 
-class Monitor
+} // namespace
+
+void TypeFilter::set(const std::string &text)
 {
-public:
-    Monitor(const LogScan &scan, SortBy sort) : scan_(scan), sort_(sort), latest_(Dictionary::instance().rows().size())
-    {
-        const auto &rows = Dictionary::instance().rows();
-        for (std::size_t k = 0; k < rows.size(); ++k)
-            latest_[k].row = &rows[k];
-        start_ = lastKeys_ = steadyMs();
-    }
-
-    void add(const RowInfo &row, const BusLogEntry &entry)
-    {
-        Latest &l = latest_[std::size_t(&row - Dictionary::instance().rows().data())];
-        if (l.count++ == 0)
-            seen_.push_back(&l);
-        l.lastMsecs = entry.msecs;
-        l.payload = entry.payload;
-        l.dumped = false;
-        l.rate.add(entry.msecs);
-        if (messages_++ == 0)
-            firstMsecs_ = entry.msecs;
-        firstMsecs_ = std::min(firstMsecs_, entry.msecs);
-        lastMsecs_ = std::max(lastMsecs_, entry.msecs);
-        lastArrival_ = steadyMs();
-    }
-
-    // Keys, and the screen when it is due; false once the user quits.
-    bool tick()
-    {
-        const long long now = steadyMs();
-        if (now - lastKeys_ >= 10) {
-            lastKeys_ = now;
-            keys();
+    text_ = text;
+    error_.clear();
+    ids_.reset();
+    words_.clear();
+    std::string key;
+    std::istringstream keys(text);
+    std::string error;
+    while (std::getline(keys, key, ',')) {
+        std::istringstream words(key);
+        for (std::string word; words >> word;) {
+            std::vector<const RowInfo *> rows;
+            if (resolveMessageKey(word, rows, error)) {
+                for (const RowInfo *row : rows)
+                    ids_.set(row->id);
+                continue;
+            }
+            // Not a key: part of a name, as long as some name holds it.
+            const std::string part = lower(word);
+            const auto &all = Dictionary::instance().rows();
+            if (std::none_of(all.begin(), all.end(),
+                             [&](const RowInfo &row) { return lower(row.message).find(part) != std::string::npos; }))
+                error_ = error;
+            words_.push_back(part);
         }
-        if (now - lastDraw_ >= 100 && !quit_)
-            draw(now);
-        return !quit_;
     }
-    bool quitting() const { return quit_; }
-    void note(const std::string &text) { note_ = text; }
-    void ended() { ended_ = true; }
+}
 
-private:
-    void keys();
-    void draw(long long now);
-    void drawHeader(long long now, int width);
-    std::vector<Latest *> shown();
+bool TypeFilter::matches(const RowInfo &row) const
+{
+    if (ids_[row.id])
+        return true;
+    const std::string name = lower(row.message);
+    return std::any_of(words_.begin(), words_.end(),
+                       [&](const std::string &w) { return name.find(w) != std::string::npos; });
+}
 
-    const LogScan &scan_;
-    SortBy sort_;
-    std::vector<Latest> latest_;
-    std::vector<Latest *> seen_;
-    long long messages_ = 0;
-    qint64 firstMsecs_ = 0, lastMsecs_ = 0;
-    long long start_ = 0, lastArrival_ = 0, lastKeys_ = 0, lastDraw_ = 0;
-    long long rateLines_ = 0, rateSince_ = 0;
-    double linesPerSecond_ = 0;
-    int scroll_ = 0, bodyHeight_ = 1;
-    bool quit_ = false, paused_ = false, ended_ = false, editing_ = false;
-    std::string filter_, typed_, note_;
-};
+bool MonitorView::tick(long long wallMs)
+{
+    if (wallMs - lastKeys_ >= 10) {
+        lastKeys_ = wallMs;
+        keys();
+    }
+    if (wallMs - lastDraw_ >= 100 && !quit_)
+        draw(wallMs);
+    return !quit_;
+}
 
-void Monitor::keys()
+void MonitorView::editKey(int key)
+{
+    if (key == '\n' || key == '\r' || key == KEY_ENTER) {
+        filter_.set(typed_);
+        editing_ = false;
+        cursor_ = scroll_ = 0;
+        cursorRow_ = nullptr;
+    } else if (key == 27) {
+        editing_ = false;
+    } else if (key == KEY_BACKSPACE || key == 127 || key == 8) {
+        if (!typed_.empty())
+            typed_.pop_back();
+    } else if (key >= 32 && key < 127) {
+        typed_.push_back(char(key));
+    }
+}
+
+void MonitorView::moveCursor(int by)
+{
+    if (detail_ != nullptr) {
+        detailScroll_ = std::max(0, detailScroll_ + by);
+        return;
+    }
+    const std::vector<MonitoredType *> rows = shown();
+    if (rows.empty())
+        return;
+    cursor_ = std::max(0, std::min(cursor_ + by, int(rows.size()) - 1));
+    cursorRow_ = rows[std::size_t(cursor_)]->row;
+}
+
+void MonitorView::keys()
 {
     for (int key = getch(); key != ERR; key = getch()) {
+        lastDraw_ = 0;   // show the change now, paused or not
         if (editing_) {
-            if (key == '\n' || key == '\r' || key == KEY_ENTER) {
-                filter_ = typed_;
-                editing_ = false;
-                scroll_ = 0;
-            } else if (key == 27) {
-                editing_ = false;
-            } else if (key == KEY_BACKSPACE || key == 127 || key == 8) {
-                if (!typed_.empty())
-                    typed_.pop_back();
-            } else if (key >= 32 && key < 127) {
-                typed_.push_back(char(key));
-            }
-            lastDraw_ = 0;
+            editKey(key);
             continue;
         }
         switch (key) {
@@ -215,167 +154,44 @@ void Monitor::keys()
             break;
         case '/':
             editing_ = true;
-            typed_ = filter_;
+            typed_ = filter_.text();
             break;
         case 's':
             sort_ = SortBy((int(sort_) + 1) % 4);
             break;
+        case '\n':
+        case '\r':
+        case KEY_ENTER:
+            detail_ = detail_ != nullptr ? nullptr : cursorRow_;
+            detailScroll_ = 0;
+            break;
+        case 27:
+        case KEY_BACKSPACE:
+        case 127:
+            detail_ = nullptr;
+            break;
         case KEY_UP:
-            --scroll_;
+            moveCursor(-1);
             break;
         case KEY_DOWN:
-            ++scroll_;
+            moveCursor(1);
             break;
         case KEY_PPAGE:
-            scroll_ -= bodyHeight_;
+            moveCursor(detail_ != nullptr ? -bodyHeight_ : -typesPerPage_);
             break;
         case KEY_NPAGE:
-            scroll_ += bodyHeight_;
+            moveCursor(detail_ != nullptr ? bodyHeight_ : typesPerPage_);
             break;
         case KEY_HOME:
-            scroll_ = 0;
-            break;
-        case KEY_RESIZE:
+            moveCursor(-(1 << 20));
             break;
         default:
-            continue;
-        }
-        lastDraw_ = 0;   // show the change now, paused or not
-    }
-}
-
-std::vector<Latest *> Monitor::shown()
-{
-    std::vector<Latest *> rows;
-    const std::string wanted = lower(filter_);
-    for (Latest *l : seen_)
-        if (wanted.empty() || lower(l->row->message).find(wanted) != std::string::npos)
-            rows.push_back(l);
-    auto by = [this](const Latest *a, const Latest *b) {
-        switch (sort_) {
-        case SortBy::Name:
-            return a->row->message < b->row->message;
-        case SortBy::Count:
-            return a->count != b->count ? a->count > b->count : a->row->id < b->row->id;
-        case SortBy::Recency:
-            return a->lastMsecs != b->lastMsecs ? a->lastMsecs > b->lastMsecs : a->row->id < b->row->id;
-        case SortBy::Id:
             break;
         }
-        return a->row->id < b->row->id;
-    };
-    std::sort(rows.begin(), rows.end(), by);
-    return rows;
+    }
 }
 
-void Monitor::drawHeader(long long now, int width)
-{
-    char text[512];
-    std::string line = "vorlink monitor  " + scan_.input().name() + (scan_.input().following() ? " (following)" : "");
-    if (now - rateSince_ >= 1000) {
-        const long long lines = scan_.lineNumber();
-        if (rateSince_ > 0)
-            linesPerSecond_ = double(lines - rateLines_) * 1000.0 / double(now - rateSince_);
-        rateLines_ = lines;
-        rateSince_ = now;
-    }
-    std::snprintf(text, sizeof text, "  %lld messages of %zu types  %.0f lines/s", messages_, seen_.size(),
-                  linesPerSecond_);
-    line += text;
-    if (messages_ > 0) {
-        line += "  span ";
-        appendIsoTime(firstMsecs_, line);
-        line += " .. ";
-        appendIsoTime(lastMsecs_, line);
-    }
-    attron(A_REVERSE);
-    mvaddnstr(0, 0, line.c_str(), width);
-    for (int x = int(std::min<std::size_t>(line.size(), std::size_t(width))); x < width; ++x)
-        addch(' ');
-    attroff(A_REVERSE);
-
-    const Rejects &rejects = scan_.rejects();
-    line = "rejected " + std::to_string(rejects.count());
-    const char *separator = ": ";
-    for (const auto &[cause, count] : rejects.byCause()) {
-        line += separator + cause + " " + std::to_string(count);
-        separator = ", ";
-    }
-    if (rejects.count() > 0)
-        line += "   last: " + scan_.input().name() + ":" + std::to_string(rejects.last().line) + ": " +
-                rejects.last().reason;
-    mvaddnstr(1, 0, line.c_str(), width);
-
-    line = std::string("sort: ") + sortNames[int(sort_)] + (filter_.empty() ? "" : "   filter: " + filter_) +
-           (paused_ ? "   PAUSED" : "") + (ended_ ? "   end of input" : "") +
-           (note_.empty() ? "" : "   " + note_) + "   [q quit, p pause, / filter, s sort, arrows/PgUp/PgDn scroll]";
-    mvaddnstr(2, 0, line.c_str(), width);
-}
-
-void Monitor::draw(long long now)
-{
-    lastDraw_ = now;
-    int height, width;
-    getmaxyx(stdscr, height, width);
-    if (paused_ && !editing_) {   // the screen as it was, and the mark
-        move(2, 0);
-        clrtoeol();
-        attron(A_REVERSE);
-        mvaddnstr(2, 0, "PAUSED: the log is still read; p shows it again", width);
-        attroff(A_REVERSE);
-        refresh();
-        return;
-    }
-    erase();
-    drawHeader(now, width);
-    // Log time now: the latest message's time, moved on by the wall clock
-    // since it came, so that a bus gone quiet shows its age growing.
-    const qint64 logNow = lastMsecs_ + (messages_ > 0 ? now - lastArrival_ : 0);
-    int nameWidth = 7;
-    for (const Latest *l : seen_)
-        nameWidth = std::max(nameWidth, int(l->row->message.size()));
-    nameWidth = std::max(12, std::min(nameWidth, width - 46));   // on a narrow screen, names are cut
-    char text[512];
-    std::snprintf(text, sizeof text, "%-6s  %-*s %10s %12s %12s", "id", nameWidth, "message", "count", "rate Hz",
-                  "last, s ago");
-    attron(A_BOLD);
-    mvaddnstr(3, 0, text, width);
-    attroff(A_BOLD);
-
-    std::vector<std::string> lines;
-    std::vector<std::string> wrapped;
-    const std::size_t dumpWidth = std::size_t(std::max(width - 8, 8));
-    for (Latest *l : shown()) {
-        double rate = 0;
-        char rateText[32] = "-";
-        if (l->rate.rate(logNow, firstMsecs_, rate))
-            std::snprintf(rateText, sizeof rateText, "%.2f", rate);
-        std::snprintf(text, sizeof text, "0x%04X  %-*.*s %10lld %12s %12.1f", l->row->id, nameWidth, nameWidth,
-                      l->row->message.c_str(), l->count, rateText, double(logNow - l->lastMsecs) / 1000.0);
-        lines.emplace_back(text);
-        if (!l->dumped) {
-            l->dump.clear();
-            setDumpTarget(&l->dump);
-            l->row->dumpPayload(l->payload);
-            setDumpTarget(nullptr);
-            l->dumped = true;
-        }
-        wrapped.clear();
-        wrap(l->dump, dumpWidth, wrapped);
-        for (const std::string &w : wrapped)
-            lines.push_back("        " + w);
-    }
-    const int top = 4;
-    bodyHeight_ = std::max(height - top - (editing_ ? 1 : 0), 1);
-    scroll_ = std::max(0, std::min(scroll_, int(lines.size()) - bodyHeight_));
-    for (int y = 0; y < bodyHeight_ && std::size_t(scroll_ + y) < lines.size(); ++y)
-        mvaddnstr(top + y, 0, lines[std::size_t(scroll_ + y)].c_str(), width);
-    if (editing_) {
-        const std::string prompt = "filter by name: " + typed_;
-        mvaddnstr(height - 1, 0, prompt.c_str(), width);
-    }
-    refresh();
-}
+namespace {
 
 // The terminal, from newterm to endwin; the keys come from `keyboard`.
 class Screen
@@ -393,6 +209,11 @@ public:
         keypad(stdscr, TRUE);
         set_escdelay(25);
         curs_set(0);
+        if (has_colors()) {   // a changing value in red, as cansniffer shows it
+            start_color();
+            use_default_colors();
+            init_pair(1, COLOR_RED, -1);
+        }
     }
     ~Screen()
     {
@@ -433,13 +254,16 @@ int runMonitor(const CLI::App &command, MonitorOptions &options)
         return misuse(command, "no terminal to read keys from (/dev/tty)");
     setVerbose(false);
     LogScan scan(options.selection, false);
+    scan.setConvert(false);   // the monitor shows the wire fields; the checks stay
     if (!openInput(scan.input(), options.input, options.follow, error)) {
         if (keyboard != stdin)
             std::fclose(keyboard);
         return misuse(command, error);
     }
+    std::setlocale(LC_CTYPE, "");   // the trend's block characters on a UTF-8 terminal
     catchStopSignals();   // before the terminal is set up, so that curses leaves them to us
-    Monitor monitor(scan, options.sort);
+    MonitorModel model;
+    MonitorView view(scan, model, options.sort);
     {
         Screen screen(keyboard);
         if (!screen.ok()) {
@@ -449,16 +273,16 @@ int runMonitor(const CLI::App &command, MonitorOptions &options)
         }
         LineReader &input = scan.input();
         input.stopOn(&stopSignal());
-        input.onIdle([&monitor] { return monitor.tick(); });
-        input.onNotice([&monitor](const std::string &note) { monitor.note(note); });
-        scan.onProgress([&monitor](long long, long long) { monitor.tick(); });
-        while (!monitor.quitting() && scan.next())
-            monitor.add(scan.row(), scan.entry());
+        input.onIdle([&view] { return view.tick(steadyMs()); });
+        input.onNotice([&view](const std::string &note) { view.note(note); });
+        scan.onProgress([&view](long long, long long) { view.tick(steadyMs()); });
+        while (!view.quitting() && scan.next())
+            model.add(scan.row(), scan.entry(), scan.lineNumber(), steadyMs());
         if (!input.stopped())
-            monitor.ended();
+            model.end();
         // The input is over; the table stays until the user quits.
-        while (!monitor.quitting() && stopSignal() == 0) {
-            monitor.tick();
+        while (!view.quitting() && stopSignal() == 0) {
+            view.tick(steadyMs());
             pollfd key{screen.keyboardFd(), POLLIN, 0};
             ::poll(&key, 1, 100);
         }
@@ -468,6 +292,12 @@ int runMonitor(const CLI::App &command, MonitorOptions &options)
     if (scan.input().readError() != 0) {
         std::fprintf(stderr, "vorlink monitor: %s: %s\n", scan.input().name().c_str(),
                      std::strerror(scan.input().readError()));
+        return exitRejected;
+    }
+    // As decode ends: 1 after rejected lines, with their count.
+    const Rejects &rejects = scan.rejects();
+    if (rejects.count() > 0) {
+        std::fprintf(stderr, "vorlink monitor: %lld %s rejected\n", rejects.count(), rejects.unit());
         return exitRejected;
     }
     return exitOk;
@@ -486,13 +316,20 @@ Command addMonitorCommand(CLI::App &parent)
     addSelectionOptions(*command, options->select);
     addFollowFlag(*command, options->follow);
     command->footer(R"(One row per message type seen: id, name, count, the rate over the last
-5 seconds of log time, and the time since its latest message; under it that
-message's fields as its dump line shows them. The header shows the input, the
-span of log time, lines a second, and the rejected lines by cause with the
-last of them.
+5 seconds of log time, the time since its latest message, and 'overdue' with
+how long it has been silent once that is more than 3 of its usual periods
+(the median of its recent gaps) and at least 0.5 s; under it that message's
+fields as its dump line shows them, a field that changed within the last
+second set off. The header shows the input, the span of log time, lines a
+second, the overdue types, a step back of log time, and the rejected lines
+by cause with the last of them; then a line per node (TD, DD, FP, UI) with
+when it was last heard and how many of its types are overdue. On a finished
+log, time stands still; on a quiet live one, it runs on with the clock.
 
-Keys: q quit, p pause the display (reading goes on), / filter by name (Enter
-applies, Esc cancels), s next sort order, arrows, Page Up/Down and Home scroll.
+Keys: q quit, p pause the display (reading goes on), / filter by what
+--message takes (names, ids, node prefixes; Enter applies, Esc cancels), s
+next sort order, arrows, Page Up/Down and Home move the cursor, Enter shows
+each field's minimum, maximum, latest and trend over the last 3 minutes.
 
 Examples:
   vorlink monitor --follow bus.log
@@ -500,7 +337,7 @@ Examples:
   vorlink monitor --sort recency examples/bus.log
 
 It needs a terminal; to read a log into a file or a pipe use 'vorlink decode'
-or 'vorlink stats'.)");
+or 'vorlink stats'. After q the exit status is 1 when lines were rejected.)");
     return {command, [command, options] { return runMonitor(*command, *options); }};
 }
 

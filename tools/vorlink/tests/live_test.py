@@ -4,7 +4,7 @@ through a pipe, the order of good and rejected lines, a signal in the middle
 of a run, --follow across appends, truncation and rotation, and the monitor
 driven in tmux."""
 
-import argparse, fcntl, os, re, shutil, signal, subprocess, sys, tempfile, threading, time, unittest
+import argparse, fcntl, os, re, shutil, signal, struct, subprocess, sys, tempfile, threading, time, unittest
 
 TOOL = None
 SANITIZED = False
@@ -250,6 +250,16 @@ class Follow(unittest.TestCase):
             self.assertIn(words, r.stderr.decode(), args)
 
 
+BOLD = r"\x1b\[1m(\x1b\[[0-9;]*m)*[^\x1b\n]*"   # a field set off: bold, then perhaps its colour
+
+
+def bus_line(t, seq, msg_id, fmt, *values):
+    return f"{t:.3f} {seq % 65536} 0x{msg_id:04X} {struct.pack(fmt, *values).hex()}\n"
+
+
+OP_MODE_TD, OP_MODE_DD, LEVEL_DD, FLOW_FP = 0x1200, 0x1300, 0x2900, 0x3600
+
+
 @unittest.skipUnless(shutil.which("tmux"), "tmux is not installed")
 class Monitor(unittest.TestCase):
     def setUp(self):
@@ -257,6 +267,7 @@ class Monitor(unittest.TestCase):
         self.session = f"vorlink-live-{os.getpid()}"
         self.log = os.path.join(self.tmp, "bus.log")
         self.status = os.path.join(self.tmp, "status")
+        self.errors = os.path.join(self.tmp, "errors")
         open(self.log, "w").close()
 
     def tearDown(self):
@@ -266,13 +277,43 @@ class Monitor(unittest.TestCase):
     def tmux(self, *args):
         return subprocess.run(["tmux", *args], capture_output=True, text=True, check=True).stdout
 
-    def screen(self):
-        return self.tmux("capture-pane", "-p", "-t", self.session)
+    def start(self, args, width, height=40):
+        command = f"{TOOL} monitor {args} 2> {self.errors}; echo $? > {self.status}; sleep 60"
+        self.tmux("new-session", "-d", "-s", self.session, "-x", str(width), "-y", str(height), "-e", "TZ=UTC",
+                  "-e", "LANG=C.UTF-8", command)
+        self.assertTrue(wait_for(lambda: "vorlink monitor" in self.screen(), 30), self.screen())
+
+    def screen(self, escapes=False):
+        return self.tmux("capture-pane", "-p", *(["-e"] if escapes else []), "-t", self.session)
+
+    def keys(self, *keys):
+        self.tmux("send-keys", "-t", self.session, *keys)
+
+    def type(self, text):
+        if text:
+            self.tmux("send-keys", "-l", "-t", self.session, text)
+
+    def quit(self):
+        """q, then the exit status and what went to standard error."""
+        self.keys("q")
+        self.assertTrue(wait_for(lambda: os.path.exists(self.status) and os.path.getsize(self.status) > 0, 5))
+        with open(self.status) as f, open(self.errors) as e:
+            return int(f.read()), e.read()
+
+    def rows(self):
+        """The table: each type's row by its id, split at its columns."""
+        return {r[:6]: r for r in self.screen().splitlines() if re.match(r"0x[0-9A-F]{4}  ", r)}
+
+    def header(self):
+        """The header's lines, up to the first node line."""
+        lines = self.screen().splitlines()
+        return lines[:next(i for i, l in enumerate(lines) if l.startswith("TD  "))]
+
+    def wait_screen(self, check, seconds=3):
+        self.assertTrue(wait_for(lambda: check(self.screen()), seconds), self.screen())
 
     def test_live_table_keys_and_pace(self):
-        command = f"{TOOL} monitor --sort Count --follow {self.log}; echo $? > {self.status}; sleep 60"
-        self.tmux("new-session", "-d", "-s", self.session, "-x", "150", "-y", "40", "-e", "TZ=UTC", command)
-        self.assertTrue(wait_for(lambda: "vorlink monitor" in self.screen(), 30), self.screen())
+        self.start(f"--sort Count --follow {self.log}", 150)
         shell = int(self.tmux("display", "-p", "-t", self.session, "#{pane_pid}"))
         with open(f"/proc/{shell}/task/{shell}/children") as f:
             monitor = int(f.read().split()[0])
@@ -309,7 +350,7 @@ class Monitor(unittest.TestCase):
         rows = self.screen().splitlines()
         alarm_row = next(i for i, r in enumerate(rows) if r.startswith("0x0100"))
         # Rates over the last 5 s of log time, which the 3 s of messages fill in part.
-        self.assertRegex(rows[alarm_row], r"^0x0100  AlarmStatusData +27000 +\d+\.\d\d +\d+\.\d$")
+        self.assertRegex(rows[alarm_row], r"^0x0100  AlarmStatusData +27000 +\d+\.\d\d +\d+\.\d( +overdue \d+\.\d s)?$")
         self.assertEqual(rows[alarm_row + 1].split(), ["AlarmStatusDataPayload:", f"alarmState={29999 % 256},",
                                                        "alarmTop=1,", "silenceExpiresIn=60,", "alarmsFlags=5"])
         event = rows[alarm_row + 2].split()
@@ -334,18 +375,179 @@ class Monitor(unittest.TestCase):
         for sort, order in (("count", ["0x0100", "0x1700", "0x2600"]), ("recency", ["0x2600", "0x0100", "0x1700"]),
                             ("id", ["0x0100", "0x1700", "0x2600"]), ("name", ["0x0100", "0x2600", "0x1700"])):
             if sort != "count":
-                self.tmux("send-keys", "-t", self.session, "s")
+                self.keys("s")
             self.assertTrue(wait_for(lambda: f"sort: {sort} " in self.screen(), 2), self.screen())
-            self.assertEqual([r[:6] for r in self.screen().splitlines() if r.startswith("0x")], order, sort)
+            self.assertEqual(list(self.rows()), order, sort)
 
-        self.tmux("send-keys", "-t", self.session, "/", "tdev")
-        self.tmux("send-keys", "-t", self.session, "Enter")
+        self.keys("/")
+        self.type("tdev")
+        self.keys("Enter")
         self.assertTrue(wait_for(lambda: "filter: tdev" in self.screen(), 2), self.screen())
-        self.assertEqual([r[:6] for r in self.screen().splitlines()[4:] if r.startswith("0x")], ["0x1700"])
-        self.tmux("send-keys", "-t", self.session, "q")
-        self.assertTrue(wait_for(lambda: os.path.exists(self.status) and os.path.getsize(self.status) > 0, 5))
-        with open(self.status) as f:
-            self.assertEqual(f.read(), "0\n")
+        self.assertEqual(list(self.rows()), ["0x1700"])
+        # The rejected line is the run's status, as decode's.
+        self.assertEqual(self.quit(), (1, "vorlink monitor: 1 line rejected\n"))
+
+    def test_a_type_that_stops_while_its_node_goes_on_is_overdue(self):
+        # Each 100 ms a TD and two DD types, the log's time the wall clock's;
+        # one FP message at the start only. After 1.5 s DdLevelData stops.
+        self.start(f"--follow {self.log}", 100)
+        stop, done = threading.Event(), threading.Event()
+
+        def writer():
+            i = 0
+            with open(self.log, "a") as f:
+                f.write(bus_line(time.time(), 0, FLOW_FP, "<ff", 1.5, 2.5))
+                while not done.is_set():
+                    t = time.time()
+                    f.write(bus_line(t, i, OP_MODE_TD, "<II", 4, 1) + bus_line(t, i, OP_MODE_DD, "<II", 3, i) +
+                            ("" if stop.is_set() else bus_line(t, i, LEVEL_DD, "<IIIII", i, 0, 0, 0, 0)))
+                    f.flush()
+                    i += 1
+                    time.sleep(0.1)
+
+        feed = threading.Thread(target=writer, daemon=True)
+        feed.start()
+        self.addCleanup(feed.join)
+        self.addCleanup(done.set)
+        self.wait_screen(lambda s: "4 types" in s and "DD  last heard" in s)
+        time.sleep(1.5)
+        # Before the stop: nothing overdue, the FP type seen once included;
+        # the field that changes with each message stands out, the one that
+        # stays does not.
+        screen = self.screen()
+        self.assertIn("0 overdue", screen)
+        self.assertNotRegex(screen, r"overdue \d")
+        self.assertRegex(screen, r"(?m)^UI  not heard$")
+        painted = self.screen(escapes=True)
+        self.assertRegex(painted, BOLD + r"subMode=\d+")
+        self.assertNotRegex(painted, BOLD + r"opMode=3")
+        stopped = time.monotonic()
+        stop.set()
+        # Three periods of 100 ms, and at least half a second: flagged in
+        # well under a second, while TD and the other DD type go on.
+        self.wait_screen(lambda s: "overdue " in self.rows().get("0x2900", ""), 2)
+        took = time.monotonic() - stopped
+        self.assertLess(took, 1.2, took)
+        time.sleep(1.2)
+        screen, rows = self.screen(), self.rows()
+        silent = float(re.search(r"overdue (\d+\.\d) s$", rows["0x2900"]).group(1))
+        self.assertAlmostEqual(silent, float(rows["0x2900"].split()[4]), delta=0.15)
+        self.assertTrue(1.4 < silent < 3, rows["0x2900"])
+        for other in ("0x1200", "0x1300", "0x3600"):   # FP: silent for seconds, yet seen once
+            self.assertNotIn("overdue", rows[other], rows)
+        self.assertIn("  1 overdue", screen)
+        nodes = {l[:2]: l for l in screen.splitlines() if re.match(r"(TD|DD|FP|UI)  ", l)}
+        self.assertRegex(nodes["DD"], r"^DD  last heard 0\.[0-3] s ago  2 types, 1 overdue$")
+        self.assertRegex(nodes["TD"], r"^TD  last heard 0\.[0-3] s ago  1 type, 0 overdue$")
+        self.assertRegex(nodes["FP"], r"^FP  last heard [2-9]\.\d s ago  1 type, 0 overdue$")
+        # A second after its last change, a field no longer stands out.
+        painted = self.screen(escapes=True)
+        self.assertNotRegex(painted, BOLD + r"d46Level=")
+        self.assertRegex(painted, BOLD + r"subMode=\d+")
+        # The whole feed stops: log time runs on with the clock.
+        done.set()
+        feed.join()
+        self.wait_screen(lambda s: "  3 overdue" in s and re.search(r"(?m)^DD  last heard [1-9]\.\d s ago", s))
+        self.assertEqual(self.quit(), (0, ""))
+
+    def finished_log(self, extra=""):
+        """200 s of log time (t0 + 199.9 s the latest), the lines and the
+        line of the step back. FpFlowData at 10 Hz, p7Flow rising by 0.5 a
+        message, p16Flow at 7; TdOpModeData at 1 Hz for the first 100 s;
+        DdLevelData once at the start; and silences on each side of the rule:
+        UiAlarmUserActionRequest every 10 s, then a gap of 25 s to its last at
+        165 s (3.5 of its usual periods); UiCheckIn every 20 s to 150 s (2.5);
+        FpLevelData at 100 Hz to 199.7 s (20 periods, 0.2 s); TdBubblesData
+        three at a time each second to 198 s. Last, DdOpModeData 14.4 s back."""
+        t0 = 1700000000.0
+        timed = [(0, bus_line(t0, 0, LEVEL_DD, "<IIIII", 1, 2, 3, 4, 5))]
+        for i in range(2000):
+            timed.append((i / 10, bus_line(t0 + i / 10, i, FLOW_FP, "<ff", i * 0.5, 7.0)))
+        timed += [(s, bus_line(t0 + s, s, OP_MODE_TD, "<II", 4, 1)) for s in range(100)]
+        timed += [(s, bus_line(t0 + s, s, 0x0600, "<I", 1)) for s in [*range(0, 150, 10), 165]]
+        timed += [(s, bus_line(t0 + s, s, 0x1000, "")) for s in range(10, 151, 20)]
+        timed += [(s / 100, bus_line(t0 + s / 100, s, 0x3500, "<I", 1)) for s in range(19700, 19971)]
+        timed += [(s, bus_line(t0 + s, s, 0x1E00, "<II", 0, 0)) for s in range(180, 199) for _ in range(3)]
+        timed.sort(key=lambda x: x[0])
+        lines = [l for _, l in timed] + [bus_line(t0 + 199.9 - 14.4, 1, OP_MODE_DD, "<II", 3, 0)]
+        with open(self.log, "w") as f:
+            f.write("".join(lines) + extra)
+        return len(lines)
+
+    def test_a_finished_log_keeps_its_time(self):
+        back_line = self.finished_log()
+        self.start(self.log, 80)
+        self.wait_screen(lambda s: "end of input" in s)
+        first = self.screen()
+        # At 80 columns the header wraps; none of it is lost.
+        header = " ".join(self.header())
+        for words in ("vorlink monitor", self.log, f"{back_line} messages of 8 types", "lines/s",
+                      "span 2023-11-14T22:13:20.000Z .. 2023-11-14T22:16:39.900Z", "2 overdue",
+                      f"log time went back 14.4 s at line {back_line}", "end of input", "rejected 0", "sort: id",
+                      "[q quit, p pause, / filter, s sort, Enter history, arrows/PgUp/PgDn/Home move]"):
+            self.assertIn(words, header)
+        self.assertTrue(all(len(l) <= 80 for l in first.splitlines()))
+        rows = self.rows()
+        # Rates and ages in log time: FpFlowData at 10 Hz, the message after
+        # the step back just arrived, TdOpModeData silent for 100.9 s of its
+        # 1 s period, DdLevelData seen once and never overdue; the rest on
+        # each side of 3 usual periods and of 0.5 s.
+        self.assertRegex(rows["0x3600"], r"^0x3600  FpFlowData +2000 +(9\.[5-9]\d|10\.[0-4]\d) +0\.0$")
+        self.assertRegex(rows["0x1300"], r"^0x1300  DdOpModeData +1 +0\.20 +0\.0$")
+        self.assertRegex(rows["0x1200"], r"^0x1200  TdOpModeData +100 +0\.00 +100\.9  overdue 100\.9 s$")
+        self.assertRegex(rows["0x2900"], r"^0x2900  DdLevelData +1 +0\.00 +199\.9$")
+        self.assertRegex(rows["0x0600"], r"^0x0600  UiAlarmUserActionRequest +16 +0\.00 +34\.9  overdue 34\.9 s$")
+        self.assertRegex(rows["0x1000"], r"^0x1000  UiCheckIn +8 +0\.00 +49\.9$")
+        self.assertRegex(rows["0x3500"], r"^0x3500  FpLevelData +271 +\d+\.\d\d +0\.2$")
+        self.assertRegex(rows["0x1E00"], r"^0x1E00  TdBubblesData +57 +\d\.\d\d +1\.9$")
+        self.assertRegex(first, r"(?m)^TD  last heard 1\.9 s ago  2 types, 1 overdue$")
+        self.assertRegex(first, r"(?m)^DD  last heard 0\.0 s ago  2 types, 0 overdue$")
+        self.assertRegex(first, r"(?m)^FP  last heard 0\.0 s ago  2 types, 0 overdue$")
+        self.assertRegex(first, r"(?m)^UI  last heard 34\.9 s ago  2 types, 1 overdue$")
+        # The last message's changed field stands out, and stays so.
+        painted = self.screen(escapes=True)
+        self.assertRegex(painted, BOLD + r"p7Flow=999\.5")
+        self.assertNotRegex(painted, BOLD + r"p16Flow=7")
+        time.sleep(1.5)
+        self.assertEqual(self.screen().split("\nTD  ")[1], first.split("\nTD  ")[1])
+
+        # Enter on FpFlowData: each field's minimum, maximum and latest over
+        # the last 3 minutes of log time (from 22:13:40, p7Flow 100 on), and
+        # its trend, a mark per 5 s.
+        self.keys(*["Down"] * 7)
+        self.wait_screen(lambda s: re.search(r"\x1b\[(0;)?7m(\x1b\[[0-9;]*m)*0x3600", self.screen(escapes=True)))
+        self.keys("Enter")
+        self.wait_screen(lambda s: "FpFlowData (0x3600): each field over the last 3 minutes" in s)
+        fields = {l.split()[0]: l.split() for l in self.screen().splitlines() if l.startswith("p")}
+        self.assertEqual(fields["p7Flow"][1:4], ["100", "999.5", "999.5"])
+        self.assertEqual(fields["p16Flow"][1:5], ["7", "7", "7", "\u2581" * 36])
+        trend = fields["p7Flow"][4]
+        self.assertEqual(len(trend), 36)
+        self.assertEqual(list(trend), sorted(trend))
+        self.assertEqual((trend[0], trend[-1]), ("\u2581", "\u2588"))
+        self.keys("Escape")
+        self.wait_screen(lambda s: "0x3600  FpFlowData" in s)
+        self.assertEqual(self.quit(), (0, ""))
+
+    def test_filter_takes_message_keys_and_q_keeps_the_status(self):
+        self.finished_log("nonsense\n1 1 0x0001 00\n")
+        self.start(self.log, 80)
+        self.wait_screen(lambda s: "end of input" in s)
+        for typed, shown in (("0x1300", ["0x1300"]), ("4608", ["0x1200"]), ("Dd", ["0x1300", "0x2900"]),
+                             ("fp,MSG_ID_TD_OP_MODE_DATA", ["0x1200", "0x3500", "0x3600"]),
+                             ("level", ["0x2900", "0x3500"]),
+                             ("", ["0x0600", "0x1000", "0x1200", "0x1300", "0x1E00", "0x2900", "0x3500", "0x3600"])):
+            self.keys("/", *["BSpace"] * 30)
+            self.type(typed)
+            self.keys("Enter")
+            self.wait_screen(lambda s: (f"filter: {typed}" in s) == bool(typed) and sorted(self.rows()) == shown)
+        for typed, said in (("TdBloodPumpData", "no message seen matches the filter 'TdBloodPumpData'"),
+                            ("0x0026", "no message seen matches the filter '0x0026': no message has the id 0x0026")):
+            self.keys("/", *["BSpace"] * 30)
+            self.type(typed)
+            self.keys("Enter")
+            self.wait_screen(lambda s: said in s and not self.rows())
+        self.assertEqual(self.quit(), (1, "vorlink monitor: 2 lines rejected\n"))
 
 
 if __name__ == "__main__":
