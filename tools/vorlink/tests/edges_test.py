@@ -81,6 +81,15 @@ class Resync(unittest.TestCase):
         code, out, err = self.encoded(stream)
         self.assertEqual((len(out), err[0]), (1, f"<stdin>: byte {len(binary[0])}: the size prefix is not a varint "
                                                  "(10 bytes, each with its high bit set); nothing after it can be read"))
+        code, out, err = self.encoded(binary[0] + varint(1 << 20) + binary[2] * 100)
+        self.assertEqual((len(out), err[0].split(": ", 2)[2]), (1, "the size prefix says 1048576 bytes, more than any "
+                                                                  "message (65536); nothing after it can be read"))
+
+    def test_a_value_that_never_closes_is_not_held(self):
+        endless = b'{"header":{"sequence":1,\n' + b'  "x": 1,\n' * 120000   # 1.1 MB, and no closing brace
+        code, out, err = self.encoded(endless + self.json[0] + b"\n" + self.json[1] + b"\n")
+        self.assertEqual((len(out), len(err)), (2, 2))
+        self.assertTrue(err[0].startswith("<stdin>:1: not JSON: the value is longer than 1048576 bytes"), err[0])
 
 
 class Union(unittest.TestCase):
@@ -99,6 +108,8 @@ class Union(unittest.TestCase):
         r = run("encode", stdin=record(0x2F80, b"\x10\x05\x20\x07"))   # data1_uint32 in the binary stream
         self.assertIn("data1_uint32: TdSetTreatmentParameter carries no such field", r.stderr.decode())
         # What decode writes of a union message still goes back as it does today.
+        null = json.dumps({"header": HEADER, "paramID": None, "data1_float": None}).encode()   # null: left at 0
+        self.assertEqual(run("encode", stdin=null).stdout, b"1700000000.000 1 0x2F80 00000000\n")
         event = b"1.5 65535 0x1700 0900000001000000020000002a00000003000000\n"
         back = run("encode", stdin=run("decode", "--format", "json", stdin=event).stdout)
         self.assertEqual((back.returncode, back.stdout), (0, b"1.500 65535 0x1700 090000000100000002000000\n"))
