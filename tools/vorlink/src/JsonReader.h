@@ -115,16 +115,23 @@ bool JsonValues::feed(std::string_view line, long long number, On &&on)
         } else if (c == '{' || c == '[') {
             ++depth_;
         } else if ((c == '}' || c == ']') && --depth_ == 0) {
+            // What follows on the line must be another value, or the array's
+            // comma or end: else the line is one broken value, never a value
+            // cut short with the rest reported apart.
+            const std::size_t next = line.find_first_not_of(" \t\r", i + 1);
+            const bool clean = next == std::string_view::npos || line[next] == '{' ||
+                               (inArray_ && (line[next] == ',' || line[next] == ']'));
+            const std::size_t end = clean ? i + 1 : line.size();
             bool going;
             if (value_.empty()) {
-                going = on(line.substr(from, i + 1 - from), valueLine_, nullptr);
+                going = on(line.substr(from, end - from), valueLine_, nullptr);
             } else {
-                value_.append(line.data(), i + 1);
+                value_.append(line.data(), end);
                 going = on(std::string_view(value_), valueLine_, nullptr);
                 value_.clear();
             }
-            if (!going)
-                return false;
+            if (!going || !clean)
+                return going;
         }
     }
     if (depth_ > 0) {

@@ -48,11 +48,12 @@ class Resync(unittest.TestCase):
         lines = list(self.json)
         for k in (0, 9):   # the closing brace lost
             lines[k] = lines[k][:-1]
+        lines[20] = lines[20].replace(b"},", b"}},", 1)   # closed early: the whole line refused, nothing of it written
         code, out, err = self.encoded(b"\n".join(lines) + b"\n")
-        self.assertEqual((code, [l[:l.rindex(b" ")] for l in out]), (1, self.without(0, 9)))
-        self.assertEqual([e.split(": ")[0] for e in err], ["<stdin>:1", "<stdin>:10", "vorlink encode"])
+        self.assertEqual((code, [l[:l.rindex(b" ")] for l in out]), (1, self.without(0, 9, 20)))
+        self.assertEqual([e.split(": ")[0] for e in err], ["<stdin>:1", "<stdin>:10", "<stdin>:21", "vorlink encode"])
         self.assertIn("not closed before line 2, where the next one opens", err[0])
-        self.assertEqual(err[-1], "vorlink encode: 2 lines rejected")
+        self.assertEqual(err[-1], "vorlink encode: 3 lines rejected")
         # As jq writes them, indented: the broken one is named by its first line.
         pretty = [json.dumps(json.loads(l), indent=2).encode() for l in self.json[:5]]
         pretty[1] = pretty[1][:-1]
