@@ -4,7 +4,7 @@
 
 #include "FuzzCommon.h"
 
-#include "JsonLine.h"
+#include "JsonReader.h"
 #include "Dictionary.h"
 #include "JsonCodec.h"
 

@@ -55,6 +55,35 @@ std::string quoted(std::string_view field)
     return text;
 }
 
+// A control byte where a digit should be, named as such: "a NUL byte",
+// "a form feed (0x0C)". Empty for any other character.
+std::string controlByte(char c)
+{
+    const auto byte = quint8(c);
+    if (byte >= 0x20 && byte != 0x7F)
+        return {};
+    char code[8];
+    std::snprintf(code, sizeof code, "0x%02X", unsigned(byte));
+    switch (byte) {
+    case 0x00: return "a NUL byte";
+    case 0x0B: return std::string("a vertical tab (") + code + ")";
+    case 0x0C: return std::string("a form feed (") + code + ")";
+    case 0x0D: return std::string("a carriage return (") + code + ")";
+    default: return std::string("a control byte ") + code;
+    }
+}
+
+// The first control byte of a payload, named with its place.
+std::string controlInPayload(std::string_view payload)
+{
+    for (std::size_t k = 0; k < payload.size(); ++k) {
+        const std::string name = controlByte(payload[k]);
+        if (!name.empty())
+            return "payload has " + name + " at digit " + std::to_string(k + 1);
+    }
+    return {};
+}
+
 } // namespace
 
 std::string hexId(unsigned id)
@@ -161,6 +190,8 @@ LineResult parseBusLogLine(std::string_view line, BusLogEntry &entry)
     if (!after.empty() && after.front() != '#')
         return LineResult::failed("text after the payload", "unexpected " + quoted(after) + " after the payload");
 
+    if (payload.size() % 2 != 0 && !controlInPayload(payload).empty())
+        return LineResult::failed("bad payload", controlInPayload(payload));
     if (payload.size() % 2 != 0)
         return LineResult::failed("bad payload", "payload has an odd number of hexadecimal digits (" + std::to_string(payload.size()) + ")");
     const int bytes = int(payload.size() / 2);
@@ -171,6 +202,8 @@ LineResult parseBusLogLine(std::string_view line, BusLogEntry &entry)
         const int lo = hexDigit(payload[std::size_t(2 * k + 1)]);
         if ((hi | lo) < 0) {
             const std::size_t at = std::size_t(2 * k) + (hi < 0 ? 0 : 1);
+            if (!controlByte(payload[at]).empty())
+                return LineResult::failed("bad payload", controlInPayload(payload));
             return LineResult::failed("bad payload", "payload has " + quoted(payload.substr(at, 1)) + " at digit " + std::to_string(at + 1) +
                          ", which is not hexadecimal");
         }

@@ -83,6 +83,15 @@ bool resolveMessageKey(const std::string &text, std::vector<const RowInfo *> &ro
     quint16 id = 0;
     if (readHexId(text, true, id))
         return byId(id, hexId(id));
+    // 0x and more hexadecimal digits than an id has: no name looks like that.
+    if (text.size() > 6 && (text.compare(0, 2, "0x") == 0 || text.compare(0, 2, "0X") == 0) &&
+        std::all_of(text.begin() + 2, text.end(), [](char c) { return std::isxdigit(static_cast<unsigned char>(c)) != 0; })) {
+        const std::size_t significant = text.find_first_not_of('0', 2);
+        if (significant == std::string::npos || text.size() - significant <= 4)
+            return byId(unsigned(std::stoul(text.substr(2), nullptr, 16)), text);
+        error = "the id " + text + " is wider than 16 bits (ids run from 0x0000 to 0xFFFF)";
+        return false;
+    }
     if (!text.empty() && text.size() <= 5 && text.find_first_not_of("0123456789") == std::string::npos) {
         const unsigned decimal = unsigned(std::stoul(text));
         return byId(decimal, text + (decimal <= 0xFFFF ? " (" + hexId(decimal) + ")" : std::string()));

@@ -43,6 +43,13 @@ std::string doesNotFit(const std::string &field, WireType type, const std::strin
     return text + " (" + std::to_string(range.min) + " to " + std::to_string(range.max) + ")";
 }
 
+std::string notWhole(const std::string &field, WireType type, const std::string &value)
+{
+    const WireRange range = wireRange(type);
+    return field + ": " + value + " is not a whole number, which " + wireTypeName(type) + " needs (" +
+           std::to_string(range.min) + " to " + std::to_string(range.max) + ")";
+}
+
 namespace {
 
 bool readVarint(const std::uint8_t *&p, const std::uint8_t *end, std::uint64_t &value)

@@ -34,6 +34,10 @@ bool fitsWire(WireType type, qint64 value);
 // "command: 300 does not fit U08 (0 to 255)".
 std::string doesNotFit(const std::string &field, WireType type, const std::string &value);
 
+// The one wording of a fraction given to an integer field:
+// "alarmName: 1e-5000 is not a whole number, which U32 needs (0 to 4294967295)".
+std::string notWhole(const std::string &field, WireType type, const std::string &value);
+
 // Walks a row's schema message in protobuf's wire format and checks every
 // field that goes on the bus against its wire type, as protobuf's parser
 // would read it (the last of repeated occurrences counts). False with the

@@ -68,8 +68,11 @@ void addSelectionOptions(CLI::App &command, SelectionOptions &options)
         ->allow_extra_args(false);
     command.add_option("--from", options.from, "only messages at this time or later: seconds since 1970 as in the "
                                                "log, or ISO 8601 (2023-11-14T22:13:20.123Z; UTC when no offset)")
-        ->type_name("T");
-    command.add_option("--to", options.to, "only messages at this time or earlier, in the same forms")->type_name("T");
+        ->type_name("T")
+        ->each([&options](const std::string &) { options.fromGiven = true; });
+    command.add_option("--to", options.to, "only messages at this time or earlier, in the same forms")
+        ->type_name("T")
+        ->each([&options](const std::string &) { options.toGiven = true; });
 }
 
 bool resolveSelection(const SelectionOptions &options, Selection &selection, std::string &error)
@@ -82,11 +85,11 @@ bool resolveSelection(const SelectionOptions &options, Selection &selection, std
     }
     qint64 from = std::numeric_limits<qint64>::min();
     qint64 to = std::numeric_limits<qint64>::max();
-    if (!options.from.empty() && !parseTimeArgument(options.from, from)) {
+    if (options.fromGiven && !parseTimeArgument(options.from, from)) {
         error = "--from: '" + options.from + "' is neither seconds since 1970 nor an ISO 8601 time";
         return false;
     }
-    if (!options.to.empty() && !parseTimeArgument(options.to, to)) {
+    if (options.toGiven && !parseTimeArgument(options.to, to)) {
         error = "--to: '" + options.to + "' is neither seconds since 1970 nor an ISO 8601 time";
         return false;
     }
@@ -163,10 +166,45 @@ int ScanView::finish(const CLI::App &command, Writer &out)
     return finishRun(command, scan_.input(), scan_.rejects(), progress_, out, scan_.strict());
 }
 
+namespace {
+
+// CLI11's own sentences about an option's count and values, in the tool's
+// words; anything else as it is.
+std::string inOurWords(const std::string &text)
+{
+    const auto cut = [&](const std::string &marker, std::string &before, std::string &after) {
+        const std::size_t at = text.find(marker);
+        if (at == std::string::npos)
+            return false;
+        before = text.substr(0, at);
+        after = text.substr(at + marker.size());
+        return true;
+    };
+    std::string name, rest;
+    if (cut(": At Most ", name, rest)) {   // "--fill: At Most 1 required but received 2"
+        const std::string times = rest.substr(rest.rfind(' ') + 1);
+        return rest.compare(0, 2, "1 ") == 0 ? name + " is given " + times + " times; give it once"
+                                             : name + " is given " + times + " times, more than it takes";
+    }
+    if (cut(" required ", name, rest) && rest.size() > 8 && rest.compare(rest.size() - 8, 8, " missing") == 0)
+        return name.substr(0, name.rfind(':')) + " needs a value";   // "--format: 1 required TEXT missing"
+    if (cut("Expected exactly ", name, rest) && rest.find(" arguments to ") != std::string::npos) {
+        const std::string option = rest.substr(rest.find(" arguments to ") + 14, rest.rfind(", got") - rest.find(" arguments to ") - 14);
+        return option + " needs a value";
+    }
+    if (cut(" was given a disallowed flag override", name, rest))
+        return name + " takes no value";
+    if (cut(" is required", name, rest) && rest.empty())
+        return name + " is missing";
+    return text;
+}
+
+} // namespace
+
 std::string parseErrorText(const CLI::App &where, const CLI::ParseError &error)
 {
     if (dynamic_cast<const CLI::ExtrasError *>(&error) == nullptr)
-        return error.what();
+        return inOurWords(error.what());
     const std::vector<std::string> extras = where.remaining();
     if (extras.empty())
         return error.what();

@@ -77,6 +77,7 @@ struct SelectionOptions
 {
     std::vector<std::string> messages;
     std::string from, to;
+    bool fromGiven = false, toGiven = false;   // given, even as ""
 };
 void addSelectionOptions(CLI::App &command, SelectionOptions &options);
 // Reads what the options hold into `selection`; on misuse, false and the reason.

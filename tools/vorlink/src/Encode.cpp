@@ -1,20 +1,24 @@
 // vorlink encode: what decode writes (JSON Lines, the binary stream, protobuf
 // text) back into a bus log.
 
-#include "JsonLine.h"
-#include "JsonCodec.h"
+#include "JsonReader.h"
+#include "SchemaMessage.h"
 #include "Command.h"
 #include "Dictionary.h"
 #include "Io.h"
 #include "LogScan.h"
+#include "Selection.h"
 
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/io/coded_stream.h>
 #include <google/protobuf/io/tokenizer.h>
 #include <google/protobuf/io/zero_copy_stream.h>
+#include <google/protobuf/io/zero_copy_stream_impl_lite.h>
 #include <google/protobuf/message.h>
 #include <google/protobuf/text_format.h>
 
+#include <algorithm>
+#include <cctype>
 #include <climits>
 #include <memory>
 
@@ -35,16 +39,22 @@ struct EncodeOptions
 
 const char *const encodeFooter = R"(Input formats (--format; recognised from the first bytes when not given):
   json    JSON values as 'decode --format json' writes them, one a line or
-          spread over lines (jq's default output); a value starts with '{'
+          spread over lines (jq's default output), or the elements of one
+          array (jq -s); a value starts with '{'
   binary  the length-delimited stream of 'decode --format binary'
   text    the protobuf text blocks of 'decode --format text'
 
 Each message gives one bus-log line: time, sequence and id from its header,
 the payload as its record's wire bytes. Bytes behind a record's fields are not
 kept and a U32 held as a bool comes back as 0 or 1. A value that its wire
-field cannot hold (300 for a U08) is refused, naming the field and the range.
-A bad line, block or record is reported with the line where it starts (its
-byte offset in a binary stream) and the rest is still encoded.
+field cannot hold (300 for a U08, 1.5 for any integer field) is refused, naming
+the field, the wire type and the range, and so is a oneof member that the
+record does not carry (data1_float of TdSetTreatmentParameter): nothing is cut
+down, widened, zeroed or dropped. A bad value costs that value alone: it is
+reported with the line where it starts (its byte offset in a binary stream)
+and reading picks up at the next line (JSON Lines), at the next value that
+opens at the start of a line (JSON spread over lines), at the next block
+(text) or at the next record (binary, as long as its size prefixes hold).
 
 Examples:
   vorlink decode --format json bus.log | vorlink encode
@@ -86,6 +96,10 @@ private:
     LineReader &reader_;
 };
 
+// Larger than any schema message of the dictionary by far; a size prefix
+// past it is no size of a message.
+constexpr std::uint64_t maxRecordBytes = 1 << 16;
+
 LineResult rejected(std::string reason) { return LineResult::failed("bad record", std::move(reason)); }
 
 const google::protobuf::Descriptor &envelopeType()
@@ -126,9 +140,116 @@ public:
     std::string text;
 };
 
+// The cause a refusal of SchemaMessage's checks is counted under.
+const char *causeOf(const std::string &fault)
+{
+    return fault.find(" carries no such field") != std::string::npos ? "not in the record"
+           : fault.find(" has no field ") != std::string::npos     ? "bad record"
+                                                                   : "value out of range";
+}
+
+// Walks a text block's tokens before protobuf's parser narrows anything (it
+// takes 1e39 for a float as infinity, and nanos of 1500000000): the header's
+// id, sequence and nanos and every field of the record, in the tool's words.
+// Empty when nothing is wrong, or when the block is not text the walk
+// follows; protobuf's parser then names the fault.
+std::string checkTextBlock(const std::string &block)
+{
+    using google::protobuf::io::Tokenizer;
+    google::protobuf::io::ArrayInputStream stream(block.data(), int(block.size()));
+    FirstError quiet;
+    Tokenizer tokens(&stream, &quiet);
+    tokens.set_allow_f_after_float(true);
+    tokens.set_comment_style(Tokenizer::SH_COMMENT_STYLE);
+    std::string path;   // "header.timestamp." inside those messages
+    std::vector<std::size_t> opened;   // where each name in `path` starts
+    std::vector<std::pair<std::string, std::string>> fields;
+    std::string msgId, sequence, nanos;
+    tokens.Next();
+    while (tokens.current().type != Tokenizer::TYPE_END) {
+        const std::string token = tokens.current().text;
+        if (token == "}" || token == ">" || token == ";" || token == ",") {
+            if (token == "}" || token == ">") {
+                if (opened.empty())
+                    return {};
+                path.erase(opened.back());
+                opened.pop_back();
+            }
+            tokens.Next();
+            continue;
+        }
+        if (tokens.current().type != Tokenizer::TYPE_IDENTIFIER)
+            return {};
+        tokens.Next();
+        const bool colon = tokens.current().text == ":";
+        if (colon)
+            tokens.Next();
+        if (tokens.current().text == "{" || tokens.current().text == "<") {
+            opened.push_back(path.size());
+            path += token + ".";
+            tokens.Next();
+            continue;
+        }
+        std::string literal = tokens.current().text == "-" ? "-" : "";
+        if (!literal.empty())
+            tokens.Next();
+        const Tokenizer::TokenType type = tokens.current().type;
+        if (!colon || (type != Tokenizer::TYPE_INTEGER && type != Tokenizer::TYPE_FLOAT &&
+                       type != Tokenizer::TYPE_IDENTIFIER))
+            return {};
+        literal += tokens.current().text;
+        tokens.Next();
+        const std::string where = path + token;
+        if (where == "header.msgId")
+            msgId = literal;
+        else if (where == "header.sequence")
+            sequence = literal;
+        else if (where == "header.timestamp.nanos")
+            nanos = literal;
+        else if (path.empty())
+            fields.emplace_back(token, literal);
+    }
+    qint64 value = 0;
+    if (!nanos.empty() && (readDecimal(nanos, value) != Decimal::Whole || value < 0 || value > 999999999))
+        return "header.timestamp.nanos " + nanos + " is not from 0 to 999999999";
+    if (!sequence.empty() && (readDecimal(sequence, value) != Decimal::Whole || value < -32768 || value > 65535))
+        return "sequence " + sequence + " does not fit in 16 bits";
+    if (msgId.empty() || readDecimal(msgId, value) != Decimal::Whole || value < 0)
+        return {};
+    if (value > 0xFFFF)
+        return "msgId " + msgId + " is larger than 0xFFFF";
+    const RowInfo *row = Dictionary::instance().find(quint16(value));
+    if (row == nullptr)
+        return {};
+    for (const auto &[name, literal] : fields) {
+        const auto field = std::find_if(row->fields.begin(), row->fields.end(),
+                                        [&](const WireField &f) { return f.name == name; });
+        if (field == row->fields.end()) {
+            std::vector<std::string> names;
+            for (const WireField &f : row->fields)
+                names.push_back(f.name);
+            return row->message + " has no field '" + name + "'" +
+                   (names.empty() ? "; it has no fields" : "; nearest: " + nearestNames(name, names));
+        }
+        if (field->position < 0)
+            continue;   // refused on its way to the wire, as in every format
+        std::string fault = checkLiteral(*field, literal);
+        if (!fault.empty())
+            return fault;
+    }
+    return {};
+}
+
 // The bus-log entry of one text block.
 LineResult entryFromText(const std::string &block, Message &envelope, BusLogEntry &entry)
 {
+    const std::string fault = checkTextBlock(block);
+    if (!fault.empty())
+        return LineResult::failed(fault.compare(0, 6, "header") == 0 || fault.compare(0, 5, "msgId") == 0 ||
+                                          fault.compare(0, 8, "sequence") == 0
+                                      ? "bad header"
+                                      : causeOf(fault),
+                                  fault);
     FirstError errors;
     google::protobuf::TextFormat::Parser parser;
     parser.RecordErrorsTo(&errors);
@@ -151,6 +272,8 @@ LineResult entryFromText(const std::string &block, Message &envelope, BusLogEntr
 
 Input detect(std::string_view head)
 {
+    if (head.substr(0, 3) == "\xEF\xBB\xBF")   // a byte-order mark, as before a bus log
+        head.remove_prefix(3);
     // A binary stream starts with a varint size, the header's tag 0x0A, the
     // header's size (under 32 bytes) and the tag of its first field (0x0A,
     // 0x10 or 0x18). A size of 123 is '{', and JSON spread over lines starts
@@ -162,43 +285,14 @@ Input detect(std::string_view head)
     const std::size_t first = head.find_first_not_of(" \t\r\n");
     if (first != std::string_view::npos && head[first] == '{')
         return Input::Json;
+    // An array of them (jq -s): '[' and then a value or its end.
+    const std::size_t second = first == std::string_view::npos ? first : head.find_first_not_of(" \t\r\n", first + 1);
+    if (second != std::string_view::npos && head[first] == '[' && (head[second] == '{' || head[second] == ']'))
+        return Input::Json;
     if (head.size() > tag && head[tag] == '\x0A')
         return Input::Binary;
     return Input::Text;
 }
-
-// Follows the nesting of JSON text line by line, to find where a value
-// spread over lines ends.
-class JsonNesting
-{
-public:
-    // True when the text fed so far closes every object and array it opens.
-    bool feed(std::string_view line)
-    {
-        for (const char c : line) {
-            if (inString_) {
-                if (escaped_)
-                    escaped_ = false;
-                else if (c == '\\')
-                    escaped_ = true;
-                else if (c == '"')
-                    inString_ = false;
-            } else if (c == '"') {
-                inString_ = true;
-            } else if (c == '{' || c == '[') {
-                ++depth_;
-            } else if (c == '}' || c == ']') {
-                --depth_;
-            }
-        }
-        return depth_ <= 0;
-    }
-    void reset() { *this = JsonNesting(); }
-
-private:
-    int depth_ = 0;
-    bool inString_ = false, escaped_ = false;
-};
 
 void writeEntry(const BusLogEntry &entry, Writer &out)
 {
@@ -234,14 +328,32 @@ int runEncode(const CLI::App &command, EncodeOptions &options)
         std::string bytes;
         while (!out.failed() && !input.peek().empty()) {
             const long long offset = input.bytesConsumed();
-            std::uint32_t size = 0;
-            bool whole;
+            std::uint64_t size = 0;
+            int prefix = 0;   // bytes of the size prefix read
+            bool whole = true, ended = false;
             {   // a coded stream for each message: it gives back what it read ahead when it goes
                 google::protobuf::io::CodedInputStream coded(&stream);
-                whole = coded.ReadVarint32(&size) && size <= INT_MAX && coded.ReadString(&bytes, int(size));
+                std::uint8_t byte = 0x80;
+                for (; prefix < 10 && byte >= 0x80; ++prefix) {
+                    if (!coded.ReadRaw(&byte, 1)) {
+                        ended = true;
+                        break;
+                    }
+                    size |= std::uint64_t(byte & 0x7F) << (7 * prefix);
+                }
+                whole = !ended && byte < 0x80 && size <= maxRecordBytes && coded.ReadString(&bytes, int(size));
             }
-            if (!whole) {
-                rejects.reportOffset(offset, "bad record", "the stream ends inside a message");
+            if (!whole) {   // without its size, the stream cannot be followed past this point
+                rejects.reportOffset(offset, "bad record",
+                                     ended ? "the stream ends inside the size prefix of a message"
+                                     : prefix == 10 && size > maxRecordBytes
+                                         ? "the size prefix is not a varint (10 bytes, each with its high bit set); "
+                                           "nothing after it can be read"
+                                     : size > maxRecordBytes
+                                         ? "the size prefix says " + std::to_string(size) +
+                                               " bytes, more than any message (" + std::to_string(maxRecordBytes) +
+                                               "); nothing after it can be read"
+                                         : "the stream ends inside a message of " + std::to_string(size) + " bytes");
                 break;
             }
             progress.tick(input.bytesConsumed(), 0);
@@ -258,9 +370,9 @@ int runEncode(const CLI::App &command, EncodeOptions &options)
     }
 
     std::string_view line;
-    std::string block;   // a text block, or a JSON value spread over lines
+    std::string block;   // a text block
     long long blockLine = 0;
-    JsonNesting nesting;
+    bool blockHeader = false, skipping = false;
     auto report = [&](long long lineNumber, const LineResult &result) {
         if (result.kind == LineResult::Message)
             writeEntry(entry, out);
@@ -269,53 +381,53 @@ int runEncode(const CLI::App &command, EncodeOptions &options)
         return result.kind != LineResult::Error || !strict;
     };
     auto endBlock = [&]() {
+        blockHeader = skipping = false;
         if (block.empty())
             return true;
         const LineResult result = entryFromText(block, *envelope, entry);
         block.clear();
-        if (result.isMessage()) {
-            writeEntry(entry, out);
-            return true;
-        }
-        rejects.report(blockLine, result.cause, result.reason);
+        return report(blockLine, result);
+    };
+    JsonValues values;
+    auto onValue = [&](std::string_view text, long long lineNumber, const char *broken) {
+        if (broken == nullptr)
+            return report(lineNumber, parseJsonLine(text, entry));
+        rejects.report(lineNumber, "bad JSON line", broken);
         return !strict;
     };
     bool going = true;
     while (going && !out.failed() && input.next(line)) {
         progress.tick(input.bytesConsumed(), input.lineNumber());
         if (from == Input::Text) {
-            if (line.find_first_not_of(" \t\r") == std::string_view::npos) {
+            // A block ends at a blank line, or where a second header starts at the left edge.
+            const bool header = line.substr(0, 6) == "header" && (line.size() == 6 || !std::isalnum(quint8(line[6])));
+            if (line.find_first_not_of(" \t\r") == std::string_view::npos || (header && blockHeader))
                 going = endBlock();
-            } else {
-                if (block.empty())
-                    blockLine = input.lineNumber();
-                block.append(line).push_back('\n');
-            }
-            continue;
-        }
-        if (!block.empty()) {   // inside a value that started on an earlier line
+            if (!going || line.find_first_not_of(" \t\r") == std::string_view::npos || skipping)
+                continue;
+            if (block.empty())
+                blockLine = input.lineNumber();
+            blockHeader = blockHeader || header;
             block.append(line).push_back('\n');
-            if (nesting.feed(line)) {
-                going = report(blockLine, parseJsonLine(block, entry));
+            if (block.size() > JsonValues::maxValueBytes) {
+                rejects.report(blockLine, "bad record", "the block is longer than " +
+                                                            std::to_string(JsonValues::maxValueBytes) +
+                                                            " bytes, more than any message; skipped to the next");
                 block.clear();
+                skipping = true;
+                going = !strict;
             }
             continue;
         }
         // One value a line is the common case: try it whole first.
-        if (readJsonLineFast(line, entry)) {
+        if (values.between() && readJsonLineFast(line, entry)) {
             writeEntry(entry, out);
             continue;
         }
-        nesting.reset();
-        if (!nesting.feed(line)) {
-            blockLine = input.lineNumber();
-            block.assign(line.data(), line.size()).push_back('\n');
-            continue;
-        }
-        going = report(input.lineNumber(), parseJsonLine(line, entry));
+        going = values.feed(line, input.lineNumber(), onValue);
     }
-    if (going && from == Input::Json && !block.empty())
-        report(blockLine, parseJsonLine(block, entry));
+    if (going && from == Input::Json)
+        values.finish(onValue);
     else if (going)
         endBlock();
     return finishRun(command, input, rejects, progress, out, strict);

@@ -3,7 +3,7 @@
 #include "Command.h"
 #include "Dictionary.h"
 #include "JsonCodec.h"
-#include "JsonLine.h"
+#include "SchemaMessage.h"
 #include "Selection.h"
 #include "WireRange.h"
 
@@ -15,6 +15,7 @@
 
 #include <QDateTime>
 
+#include <cctype>
 #include <charconv>
 #include <cmath>
 #include <limits>
@@ -37,7 +38,11 @@ struct MakeOptions
 };
 
 const char *const makeFooter = R"(Every field of the message's record is given as name=value, or --fill
-gives the value of those left out. Values: decimal or 0x hexadecimal, with a
+gives the value of those left out. unread=HEX gives the payload's bytes behind
+the record (any message may carry them; the five union messages always do:
+TdEvent, DdEvent and FpEvent 8, TdSetTreatmentParameter and
+DdSafetyShutdownOverrideRequest 4). Without them a union message is refused,
+naming how many bytes are missing, unless --fill 0 gives them as zeros. Values: decimal or 0x hexadecimal, with a
 minus sign for the signed fields (S16, S32), a decimal float for F32, true or
 false (or 1, 0) for a U32 held as a bool. A value that its wire field cannot
 hold is refused with the field's range; nothing is cut down.
@@ -53,6 +58,7 @@ Examples:
   vorlink list Td3WayValveSetStateRequest
   vorlink make 0x1780 valve=1 state=2
   vorlink make DdTemperatureData --fill 0 d1Temp=37.5 --time 2023-11-14T22:13:20Z
+  vorlink make TdSetTreatmentParameter paramID=5 unread=00006040
   vorlink make Td3WayValveSetStateRequest valve=1 state=2 | vorlink decode)";
 
 // A whole number as the user writes it: decimal or 0x hexadecimal, minus sign
@@ -125,6 +131,24 @@ bool setField(Message &message, const WireField &field, const std::string &text,
     return true;
 }
 
+// unread=HEX: two hexadecimal digits a byte, as a bus-log payload.
+bool readUnread(const std::string &text, QByteArray &bytes, std::string &error)
+{
+    const QByteArray hex = QByteArray::fromStdString(text);
+    for (int k = 0; k < hex.size(); ++k)
+        if (!std::isxdigit(static_cast<unsigned char>(hex[k]))) {
+            error = std::string("unread: '") + text + "' has '" + hex[k] + "' at digit " + std::to_string(k + 1) +
+                    ", which is not hexadecimal";
+            return false;
+        }
+    if (hex.size() % 2 != 0) {
+        error = "unread: '" + text + "' has an odd number of hexadecimal digits (" + std::to_string(hex.size()) + ")";
+        return false;
+    }
+    bytes = QByteArray::fromHex(hex);
+    return true;
+}
+
 void appendVarint(std::string &out, std::uint32_t value)
 {
     for (; value >= 0x80; value >>= 7)
@@ -162,6 +186,8 @@ int runMake(const CLI::App &command, const MakeOptions &options)
 
     // name=value, each a wire field of the record, each once.
     std::map<std::string, std::string> given;
+    QByteArray unread;
+    bool unreadGiven = false;
     std::vector<std::string> names;
     for (const WireField &field : row.fields)
         if (field.position >= 0)
@@ -171,6 +197,14 @@ int runMake(const CLI::App &command, const MakeOptions &options)
         if (equals == std::string::npos || equals == 0)
             return misuse(command, "'" + assignment + "' is not field=value");
         const std::string name = assignment.substr(0, equals);
+        if (name == "unread") {
+            if (unreadGiven)
+                return misuse(command, "unread is given twice");
+            unreadGiven = true;
+            if (!readUnread(assignment.substr(equals + 1), unread, error))
+                return misuse(command, error);
+            continue;
+        }
         if (std::find(names.begin(), names.end(), name) == names.end())
             return misuse(command, row.message + " has no field '" + name + "'" +
                                        (names.empty() ? "; it has no fields" : "; nearest: " + nearestNames(name, names)));
@@ -196,6 +230,23 @@ int runMake(const CLI::App &command, const MakeOptions &options)
     const LineResult wire = wireFromProto(row, message->SerializeAsString(), entry.payload);
     if (!wire.isMessage())
         return misuse(command, wire.reason);
+    // The bytes behind the record: given, zeros by --fill 0, or refused where the bus carries more.
+    const int behind = row.payloadSize - entry.payload.size();
+    const std::string sizes = row.message + " carries " + std::to_string(row.payloadSize) + " bytes and its record " +
+                              std::to_string(entry.payload.size());
+    if (unreadGiven && unread.size() < behind)
+        return misuse(command, sizes + ": unread gives " + std::to_string(unread.size()) + " of the " +
+                                   std::to_string(behind) + " bytes behind the record");
+    if (!unreadGiven && behind > 0) {
+        qint64 fillValue = -1;
+        bool tooWide = false;
+        if (options.fill.empty() || !readWhole(options.fill, fillValue, tooWide) || tooWide || fillValue != 0)
+            return misuse(command, sizes + ": the " + std::to_string(behind) + " bytes behind the record are " +
+                                       "missing; give them as unread=HEX (" + std::to_string(2 * behind) +
+                                       " hexadecimal digits), or as zeros with --fill 0");
+        unread = QByteArray(behind, '\0');
+    }
+    entry.payload.append(unread);
 
     Writer out;
     if (output == Output::Log) {
