@@ -5,7 +5,10 @@ threads and of a two-worker Dask cluster. Each job runs in a fresh process
 in turn at least seven times and keeps the best of each. Prints a Markdown
 table.
 
-    bench/python --logs [--count N] [--runs R] [--peer-lines N]
+    bench/python --logs [--count N] [--runs R] [--peer-lines N] [--no-scaling]
+
+Frames are copies, the caller's to change; a row measures what the copies
+cost against frames over the Log's own columns (how frames were built before).
 """
 import argparse, json, os, platform, subprocess, tempfile, time
 
@@ -47,6 +50,7 @@ def main():
     parser.add_argument("--count", type=int, default=1_000_000)
     parser.add_argument("--runs", type=int, default=3)
     parser.add_argument("--peer-lines", type=int, default=20_000)
+    parser.add_argument("--no-scaling", action="store_true", help="only the rows of one reader")
     args = parser.parse_args()
     tool = os.path.join(args.build, "tools", "vorlink", "vorlink")
     env = dict(os.environ, PYTHONPATH=os.path.join(args.build, "python"))
@@ -68,13 +72,13 @@ def main():
     floor_mb = peak_of(base + f"vorlink.read_log({os.path.join(ROOT, 'examples', 'bus.log')!r}).tables()", env)
     every = best(base + f"""
 t = time.perf_counter(); log = vorlink.read_log({log!r}); tables = log.tables(); s = time.perf_counter() - t
-print(json.dumps({{"seconds": s, "values_mb": log._log.value_bytes / 2**20, "held_mb": log._log.held_bytes / 2**20}}))
+print(json.dumps({{"seconds": s, "values_mb": log._bytes[0] / 2**20, "held_mb": log._bytes[1] / 2**20}}))
 """, env, args.runs)
     every["rss_mb"] = peak_of(base + f"log = vorlink.read_log({log!r}); tables = log.tables()", env)
     one = best(base + f"""
 t = time.perf_counter(); log = vorlink.read_log({log!r}, message={ONE!r}); table = log.table({ONE!r})
 s = time.perf_counter() - t
-print(json.dumps({{"seconds": s, "values_mb": log._log.value_bytes / 2**20, "rows": len(table)}}))
+print(json.dumps({{"seconds": s, "values_mb": log._bytes[0] / 2**20, "rows": len(table)}}))
 """, env, args.runs)
     one["rss_mb"] = peak_of(base + f"log = vorlink.read_log({log!r}, message={ONE!r}); t = log.table({ONE!r})", env)
     rows.append(("`read_log(path).tables()`", every["seconds"], f"{every['seconds'] / binary:.2f}× `decode --format binary` ({binary:.2f} s)",
@@ -84,6 +88,33 @@ print(json.dumps({{"seconds": s, "values_mb": log._log.value_bytes / 2**20, "row
     rows.append((f"`read_log(path, message=\"{ONE}\").table(...)`", one["seconds"],
                  f"{one['seconds'] / csv:.2f}× `decode --format csv --message {ONE}` ({csv:.2f} s)", "≤ 1×",
                  one["seconds"] <= csv, one["rss_mb"], f"{one['rows']} rows, columns {one['values_mb']:.2f} MB"))
+
+    # What a frame of its own costs: tables() of a Log already read, copies
+    # against DataFrames over the Log's own (read-only) columns, in one process.
+    views = """
+import pandas
+from vorlink.logs import _utc
+def views(log):
+    out = {}
+    for name, (kind, time_, seq, fields, *_) in log._tables.items():
+        columns = {"time": _utc(time_), "sequence": seq}
+        columns.update(zip((f.name for f in kind.fields), fields))
+        out[name] = pandas.DataFrame(columns, copy=False)
+    return out
+"""
+    cost = best(base + views + f"""
+log = vorlink.read_log({log!r}); views(log); log.tables()
+s0 = s1 = 1e9
+for _ in range(5):
+    t = time.perf_counter(); v = views(log); s0 = min(s0, time.perf_counter() - t); del v
+    t = time.perf_counter(); c = log.tables(); s1 = min(s1, time.perf_counter() - t); del c
+print(json.dumps({{"seconds": s1, "views": s0}}))
+""", env, 1)
+    rss_views = peak_of(base + views + f"log = vorlink.read_log({log!r}); tables = views(log)", env)
+    rows.append(("`log.tables()` of a read `Log`: a copy per frame", cost["seconds"],
+                 f"{cost['seconds'] / cost['views']:.2f}× frames over the Log's columns ({cost['views']:.3f} s)",
+                 "", None, every["rss_mb"], f"peak RSS of read and tables(): {every['rss_mb'] - rss_views:+.0f} MB "
+                                            f"against frames over the columns ({rss_views:.0f} MB)"))
 
     # The peer: python-can reads candump lines, canmatrix decodes each frame.
     candump = os.path.join(work, "candump.log")
@@ -116,6 +147,9 @@ print(json.dumps({{"seconds": s, "n": n}}))
                  f"{ours_per_message * 1e9:.0f} ns", "peer (≥ 50× slower expected)",
                  per_message / ours_per_message >= 50, None, f"projected to {args.count:,} messages: "
                                                              f"{per_message * args.count:.0f} s"))
+
+    if args.no_scaling:
+        return print_table(args, rows)
 
     # Scaling. The guest's two cores give less than twice one core's work when
     # both are busy, and by how much changes from minute to minute; so each
@@ -191,6 +225,10 @@ print(json.dumps({{"seconds": min(seconds)}}))
                  f"{times[1] / times[2]:.2f}× one worker ({times[1]:.2f} s)", "≥ 1.8×", times[1] / times[2] >= 1.8,
                  None, f"2 process workers, one thread each; best of {reps}"))
 
+    print_table(args, rows)
+
+
+def print_table(args, rows):
     print(f"{args.count:,}-line `vorlink synth --seed 3` log; {platform.node()}, {os.cpu_count()} cores, "
           f"load {os.getloadavg()[0]:.2f}; {time.strftime('%Y-%m-%d %H:%M')}\n")
     print("| Path | Seconds | Against | Target | Holds | Peak RSS | Notes |")

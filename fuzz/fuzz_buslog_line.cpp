@@ -17,12 +17,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     if (!result.isMessage())
         return 0;
     const unsigned id = entry.msgId;
-    FUZZ_EXPECT(entry.msecs >= 0 && entry.msecs <= vorlink::maxBusLogMsecs, id);
+    FUZZ_EXPECT(entry.msecs >= 0 && entry.msecs <= vorlink::maxBusLogMsecs && entry.nanos >= 0 && entry.nanos < 1000000, id);
     std::string written;
     vorlink::appendBusLogLine(entry, written);
     FUZZ_EXPECT(vorlink::parseBusLogLine(written, again).isMessage(), id);
-    FUZZ_EXPECT(again.msecs == entry.msecs && again.sequence == entry.sequence && again.msgId == entry.msgId &&
-                    again.payload == entry.payload, id);
+    FUZZ_EXPECT(again.msecs == entry.msecs && again.nanos == entry.nanos && again.sequence == entry.sequence &&
+                    again.msgId == entry.msgId && again.payload == entry.payload, id);
 
     const Bytra::Can::Message message{entry.sequence, entry.msgId, entry.payload};
     const QDateTime when = QDateTime::fromMSecsSinceEpoch(entry.msecs, Qt::UTC);

@@ -1,7 +1,8 @@
 // The library's log lines (Qt's message output) go to Python's logging, to the
 // logger "vorlink" at their level, with their Qt category. A line that a call
 // of this module asked for (a dump, the warning of a short payload) is taken
-// by that call instead.
+// by that call instead; a warning so taken is passed on at DEBUG, since the
+// exception raised says it in Python's words.
 
 #include "Module.h"
 
@@ -28,15 +29,8 @@ int pythonLevel(QtMsgType type)
     return 30;
 }
 
-void handleMessage(QtMsgType type, const QMessageLogContext &context, const QString &text)
+void send(int level, const char *category, const QString &text)
 {
-    if (CaptureLine::take(text))
-        return;
-    if (logLine == nullptr || !Py_IsInitialized() || _Py_IsFinalizing()) {
-        if (previousHandler != nullptr)
-            previousHandler(type, context, text);
-        return;
-    }
     const QByteArray utf8 = text.toUtf8();
     const PyGILState_STATE gil = PyGILState_Ensure();
     PyObject *type_, *value, *traceback;
@@ -44,8 +38,7 @@ void handleMessage(QtMsgType type, const QMessageLogContext &context, const QStr
     PyObject *result = nullptr;
     PyObject *line = PyUnicode_DecodeUTF8(utf8.constData(), utf8.size(), "replace");
     if (line != nullptr) {
-        result = PyObject_CallFunction(logLine, "isO", pythonLevel(type),
-                                       context.category != nullptr ? context.category : "default", line);
+        result = PyObject_CallFunction(logLine, "isO", level, category, line);
         Py_DECREF(line);
     }
     if (result == nullptr)
@@ -53,6 +46,19 @@ void handleMessage(QtMsgType type, const QMessageLogContext &context, const QStr
     Py_XDECREF(result);
     PyErr_Restore(type_, value, traceback);
     PyGILState_Release(gil);
+}
+
+void handleMessage(QtMsgType type, const QMessageLogContext &context, const QString &text)
+{
+    const char *category = context.category != nullptr ? context.category : "default";
+    if (CaptureLine::take(text, category))
+        return;
+    if (logLine == nullptr || !Py_IsInitialized() || _Py_IsFinalizing()) {
+        if (previousHandler != nullptr)
+            previousHandler(type, context, text);
+        return;
+    }
+    send(pythonLevel(type), category, text);
 }
 
 } // namespace
@@ -65,14 +71,21 @@ CaptureLine::CaptureLine()
 
 CaptureLine::~CaptureLine() { capturing = outer_; }
 
-bool CaptureLine::take(const QString &line)
+bool CaptureLine::take(const QString &line, const char *category)
 {
     CaptureLine *capture = capturing;
     if (capture == nullptr || capture->caught_)
         return false;
     capture->line_ = line;
+    capture->category_ = category;
     capture->caught_ = true;
     return true;
+}
+
+void CaptureLine::logAtDebug() const
+{
+    if (caught_ && logLine != nullptr)
+        send(10, category_.c_str(), line_);
 }
 
 void addLogging(py::module_ &m)

@@ -50,20 +50,21 @@ struct Log
     long long messages = 0, leftOut = 0, lines = 0;
 };
 
-// The span given to read_log: milliseconds since 1970, or the text --from
-// and --to take.
-qint64 spanEnd(const py::object &value, const char *what, qint64 none)
+// An end of the span given to read_log: (milliseconds since 1970, the
+// nanoseconds past them), or the text --from and --to take.
+LogTime spanEnd(const py::object &value, const char *what, LogTime none)
 {
     if (value.is_none())
         return none;
+    LogTime time;
     if (py::isinstance<py::str>(value)) {
         const std::string text = value.cast<std::string>();
-        qint64 msecs = 0;
-        if (!parseTimeArgument(text, msecs))
+        if (!parseTimeArgument(text, time))
             throw py::value_error(std::string(what) + ": '" + text + "' is neither seconds since 1970 nor an ISO 8601 time");
-        return msecs;
+        return time;
     }
-    return value.cast<qint64>();
+    const auto pair = value.cast<std::pair<qint64, qint32>>();
+    return LogTime{pair.first, pair.second};
 }
 
 [[noreturn]] void raiseOsError(int code, const std::string &path)
@@ -90,15 +91,15 @@ LineReader::ReadFunction pythonReader(py::object file, std::optional<py::error_a
 }
 
 std::shared_ptr<Log> readLog(py::object source, const std::vector<std::string> &messages, py::object start,
-                             py::object end, bool strict)
+                             py::object end, bool strict, py::object progress)
 {
     Selection selection;
     std::string error;
     for (const std::string &key : messages)
         if (!selection.addMessage(key, error))
             throw py::key_error("message: " + error);
-    const qint64 from = spanEnd(start, "start", std::numeric_limits<qint64>::min());
-    const qint64 to = spanEnd(end, "end", std::numeric_limits<qint64>::max());
+    const LogTime from = spanEnd(start, "start", LogTime{std::numeric_limits<qint64>::min(), 0});
+    const LogTime to = spanEnd(end, "end", LogTime{std::numeric_limits<qint64>::max(), 0});
     if (!selection.setSpan(from, to))
         throw py::value_error("start is later than end");
 
@@ -119,27 +120,34 @@ std::shared_ptr<Log> readLog(py::object source, const std::vector<std::string> &
     // Ctrl-C: Python only sees a signal when it runs, so the read takes the
     // GIL ten times a second to let it, and stops at the next line when a
     // handler raised. A pipe that stays quiet is looked at as often. Signal
-    // handlers run in the main thread only: a read in another thread leaves
-    // the GIL alone.
+    // handlers run in the main thread only: a read in another thread takes
+    // the GIL only to show progress, when asked to.
     volatile std::sig_atomic_t stop = 0;
     std::optional<py::error_already_set> interrupted;
+    py::module_ threading = py::module_::import("threading");
+    const bool mainThread = threading.attr("current_thread")().is(threading.attr("main_thread")());
     auto lastLook = std::chrono::steady_clock::now();
-    const auto lookForSignals = [&] {
+    const auto look = [&](long long bytes) {
         const auto now = std::chrono::steady_clock::now();
         if (now - lastLook < std::chrono::milliseconds(100))
             return;
         lastLook = now;
         py::gil_scoped_acquire gil;
-        if (PyErr_CheckSignals() != 0) {
-            interrupted.emplace();
+        try {
+            if (!progress.is_none())
+                progress(bytes);
+            if (mainThread && PyErr_CheckSignals() != 0)
+                throw py::error_already_set();
+        } catch (py::error_already_set &e) {
+            interrupted.emplace(std::move(e));
             stop = 1;
         }
     };
-    py::module_ threading = py::module_::import("threading");
-    if (threading.attr("current_thread")().is(threading.attr("main_thread")())) {
-        scan.onProgress([&](long long, long long) { lookForSignals(); });
+    if (mainThread || !progress.is_none())
+        scan.onProgress([&](long long bytes, long long) { look(bytes); });
+    if (mainThread) {
         scan.input().onIdle([&] {
-            lookForSignals();
+            look(scan.input().bytesConsumed());
             return stop == 0;
         });
         scan.input().stopOn(&stop);
@@ -163,10 +171,14 @@ std::shared_ptr<Log> readLog(py::object source, const std::vector<std::string> &
 
 py::array column(const Column &values, const char *type, py::handle owner)
 {
-    return py::array(py::dtype(type), {py::ssize_t(values.size())}, {py::ssize_t(values.width())}, values.data(), owner);
+    py::array array(py::dtype(type), {py::ssize_t(values.size())}, {py::ssize_t(values.width())}, values.data(), owner);
+    array.attr("setflags")(py::arg("write") = false);   // the Log's own: frames get copies
+    return array;
 }
 
-// Each table as (id, time, sequence, [field columns], (count, first, last, bytes, unread, rate or None)).
+// Each table as (id, time, sequence, [field columns], unread ends or None,
+// unread bytes or None, (count, first, last, bytes, unread, rate or None)),
+// times in nanoseconds since 1970.
 py::list tables(py::object self)
 {
     const Log &log = self.cast<const Log &>();
@@ -180,9 +192,42 @@ py::list tables(py::object self)
         const MessageTally &t = table->tally;
         double rate = 0;
         py::object rateHz = t.rateHz(rate) ? py::object(py::float_(rate)) : py::object(py::none());
+        const auto nanos = [](qint64 msecs, qint32 past) { return py::int_(msecs) * py::int_(1000000) + py::int_(past); };
+        py::object ends = py::none(), bytes = py::none();
+        if (table->keepsUnread) {
+            ends = column(table->unreadEnd, "<i8", self);
+            bytes = column(table->unreadBytes, "<u1", self);
+        }
         out.append(py::make_tuple(int(table->row->id), column(table->timeNs, "<i8", self),
-                                  column(table->sequence, "<u2", self), fields,
-                                  py::make_tuple(t.count, t.first, t.last, t.bytes, t.unread, rateHz)));
+                                  column(table->sequence, "<u2", self), fields, ends, bytes,
+                                  py::make_tuple(t.count, nanos(t.first, t.firstNanos), nanos(t.last, t.lastNanos),
+                                                 t.bytes, t.unread, rateHz)));
+    }
+    return out;
+}
+
+// A column of bytes objects: value k is data[ends[k-1]:ends[k]].
+py::array bytesColumn(py::array_t<qint64, py::array::c_style | py::array::forcecast> ends,
+                      py::array_t<quint8, py::array::c_style | py::array::forcecast> data)
+{
+    const py::ssize_t n = ends.size();
+    py::array out = py::module_::import("numpy").attr("empty")(n, "O");
+    PyObject **slots = static_cast<PyObject **>(out.mutable_data());
+    const qint64 *end = ends.data();
+    const char *bytes = reinterpret_cast<const char *>(data.data());
+    py::bytes empty("");
+    qint64 start = 0;
+    for (py::ssize_t k = 0; k < n; ++k) {
+        if (end[k] < start || end[k] > data.size())
+            throw py::value_error("unread bytes: the ends do not fit the bytes");
+        PyObject *value = end[k] == start ? empty.inc_ref().ptr()
+                                          : PyBytes_FromStringAndSize(bytes + start, end[k] - start);
+        if (value == nullptr)
+            throw py::error_already_set();
+        PyObject *old = slots[k];
+        slots[k] = value;
+        Py_XDECREF(old);
+        start = end[k];
     }
     return out;
 }
@@ -220,7 +265,9 @@ void addLogs(py::module_ &m)
         },
         "The ids of the messages a --message key names.");
     m.def("_read_log", &readLog, py::arg("source"), py::arg("messages"), py::arg("start"), py::arg("end"),
-          py::arg("strict"), "Reads a bus log into columns, with the GIL released.");
+          py::arg("strict"), py::arg("progress"), "Reads a bus log into columns, with the GIL released.");
+    m.def("_bytes_column", &bytesColumn, py::arg("ends"), py::arg("data"),
+          "The unread bytes of a table as a column of bytes objects.");
 }
 
 } // namespace python

@@ -10,6 +10,7 @@
 #include <QString>
 
 #include <cstddef>
+#include <string>
 #include <vector>
 
 namespace vorlink {
@@ -53,12 +54,16 @@ public:
     const QString &line() const { return line_; }
     bool caught() const { return caught_; }
 
+    // Passes the line taken on to logging at DEBUG.
+    void logAtDebug() const;
+
     // The Qt message handler: true when a capture on this thread took the line.
-    static bool take(const QString &line);
+    static bool take(const QString &line, const char *category);
 
 private:
     CaptureLine *outer_;
     QString line_;
+    std::string category_;
     bool caught_ = false;
 };
 

@@ -425,6 +425,13 @@ QByteArray &scratch()
 
 // --- the module's functions ---------------------------------------------------
 
+void raiseTooShort(int row, int size)
+{
+    const WireRowEntry &e = wireRows[row];
+    PyErr_Format(registry().payloadTooShort, "payload of %d byte%s is too short for %s (%s), which needs %d",
+                 size, size == 1 ? "" : "s", e.message, hexId(e.id).c_str(), int(e.wireSize));
+}
+
 PyObject *decode(PyObject *, PyObject *const *args, Py_ssize_t nargs)
 {
     if (nargs != 2) {
@@ -440,12 +447,8 @@ PyObject *decode(PyObject *, PyObject *const *args, Py_ssize_t nargs)
     RecordStorage storage;
     CaptureLine warning;
     if (!rowInfo(row).record->fromWire(payload.raw(), &storage)) {
-        const WireRowEntry &e = wireRows[row];
-        if (warning.caught())
-            PyErr_SetString(registry().payloadTooShort, warning.line().toUtf8().constData());
-        else
-            PyErr_Format(registry().payloadTooShort, "payload of %d bytes is too short for %s (%s), which needs %d",
-                         payload.size(), e.message, hexId(e.id).c_str(), int(e.wireSize));
+        warning.logAtDebug();
+        raiseTooShort(row, payload.size());
         return nullptr;
     }
     const int wireSize = wireRows[row].wireSize;
@@ -583,8 +586,8 @@ PyObject *toProtobuf(PyObject *, PyObject *const *args, Py_ssize_t nargs)
     if (isShort) {
         CaptureLine warning;
         zelko::canMessageToProtobufByteArray(time, message, out);
-        PyErr_SetString(registry().payloadTooShort,
-                        warning.caught() ? warning.line().toUtf8().constData() : "payload too short for its record");
+        warning.logAtDebug();
+        raiseTooShort(row, payload.size());
         return nullptr;
     }
     if (!zelko::canMessageToProtobufByteArray(time, message, out)) {

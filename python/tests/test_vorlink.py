@@ -13,6 +13,7 @@ import subprocess
 import sys
 import threading
 
+import numpy
 import pytest
 from hypothesis import given, settings, strategies as st
 
@@ -157,14 +158,21 @@ def test_records_cross_a_process_pool():
     assert lines == [r.dump() for r in records]
 
 
-def test_short_payload_raises_the_library_warning():
+def test_short_payload_is_said_in_pythons_words_and_the_library_line_logged(caplog):
+    caplog.set_level(logging.DEBUG, logger="vorlink")
     with pytest.raises(vorlink.PayloadTooShort) as raised:
         vorlink.decode(0x0100, bytes(13))
-    assert str(raised.value) == ("Not enough data from position 12 to the length of 2 to get data of type "
-                                 "'N5Bytra5Types3U16E' in buffer " + ".".join(["00"] * 13) + " for value alarmsFlags")
+    assert str(raised.value) == "payload of 13 bytes is too short for AlarmStatusData (0x0100), which needs 14"
     assert isinstance(raised.value, ValueError)
-    with pytest.raises(vorlink.PayloadTooShort, match="position 0 .* alarmState$"):
-        vorlink.to_protobuf(0x0100, b"", time=0, sequence=0)
+    again = pickle.loads(pickle.dumps(raised.value))
+    assert type(again) is vorlink.PayloadTooShort and again.args == raised.value.args
+    with pytest.raises(vorlink.PayloadTooShort, match="^payload of 1 byte is too short for AlarmStatusData"):
+        vorlink.to_protobuf(0x0100, b"\0", time=numpy.datetime64(0, "ms"), sequence=0)
+    assert [(r.levelno, r.getMessage()) for r in caplog.records] == [
+        (logging.DEBUG, "Not enough data from position 12 to the length of 2 to get data of type "
+                        "'N5Bytra5Types3U16E' in buffer " + ".".join(["00"] * 13) + " for value alarmsFlags"),
+        (logging.DEBUG, "Not enough data from position 0 to the length of 4 to get data of type "
+                        "'N5Bytra5Types3U32E' in buffer 00 for value alarmState")]
 
 
 REFUSED = [

@@ -11,7 +11,9 @@ A key names a message by id (int), message name, MSG_ID_ enumerator or schema
 name, in any case. The library's log lines go to the logger ``vorlink``.
 """
 import datetime as _datetime
+import decimal as _decimal
 import logging as _logging
+import numbers as _numbers
 import operator as _operator
 from typing import NamedTuple as _NamedTuple
 
@@ -28,7 +30,7 @@ logger = _logging.getLogger("vorlink")
 
 
 class PayloadTooShort(ValueError):
-    """A payload shorter than its record; the message is the library's warning line."""
+    """A payload shorter than its record: the message names it, the bytes it needs and the bytes it got."""
 
 
 class Field(_NamedTuple):
@@ -155,21 +157,46 @@ def message(key):
     return _types[_vorlink._find(key)]
 
 
-def _msecs(time):
+def _nanos(time):
+    """Nanoseconds since 1970 of a time given as an aware datetime, a pandas Timestamp or a
+    numpy.datetime64 (both read as UTC when they carry no zone), or seconds since 1970."""
     if isinstance(time, _datetime.datetime):
+        if hasattr(time, "to_datetime64"):       # a pandas Timestamp: its value is UTC nanoseconds
+            if time != time:
+                raise ValueError("time is NaT, not a time")
+            return int(time.value)
         if time.tzinfo is None or time.utcoffset() is None:
             raise ValueError(f"time {time.isoformat()} has no time zone: give an aware datetime "
                              f"(e.g. tzinfo=datetime.timezone.utc) or seconds since 1970")
-        return (time - _EPOCH) // _datetime.timedelta(milliseconds=1)
-    try:
-        if isinstance(time, (bool, str, bytes)):
-            raise TypeError
-        seconds = float(time)
-    except (TypeError, ValueError):   # numpy's datetime64 has a __float__ that refuses
-        raise TypeError(f"time is an aware datetime or seconds since 1970, not {type(time).__name__}") from None
+        return (time - _EPOCH) // _datetime.timedelta(microseconds=1) * 1000
+    if type(time).__name__ == "datetime64" and type(time).__module__ == "numpy":
+        import numpy
+        if numpy.isnat(time):
+            raise ValueError("time is NaT, not a time")
+        unit, count = numpy.datetime_data(time.dtype)
+        if unit in ("Y", "M"):
+            time, unit, count = time.astype("datetime64[D]"), "D", 1
+        value = int(time.astype(numpy.int64)) * count
+        per = {"W": 604800 * 10**9, "D": 86400 * 10**9, "h": 3600 * 10**9, "m": 60 * 10**9, "s": 10**9,
+               "ms": 10**6, "us": 10**3, "ns": 1}
+        return value * per[unit] if unit in per else value // {"ps": 10**3, "fs": 10**6, "as": 10**9}[unit]
+    if isinstance(time, _decimal.Decimal) and time.is_finite():
+        return int((time * 10**9).to_integral_value(_decimal.ROUND_HALF_EVEN))
+    if isinstance(time, (bool, str, bytes)) or not isinstance(time, _numbers.Real):
+        raise TypeError(f"time is an aware datetime, a pandas Timestamp, a numpy.datetime64 or seconds since "
+                        f"1970, not {type(time).__name__}") from None
+    if hasattr(time, "__index__"):
+        return _operator.index(time) * 10**9
+    seconds = float(time)
     if seconds != seconds or seconds in (float("inf"), float("-inf")):
         raise ValueError(f"time {time!r} is not a time")
-    return round(seconds * 1000) if not isinstance(time, int) else time * 1000
+    # The decimals as written (the float's shortest form), not its binary fraction.
+    return int((_decimal.Decimal(repr(seconds)) * 10**9).to_integral_value(_decimal.ROUND_HALF_EVEN))
+
+
+def _msecs(time):
+    """Milliseconds since 1970: the nanoseconds of `_nanos`, the digits past the millisecond cut."""
+    return _nanos(time) // 10**6
 
 
 _EPOCH = _datetime.datetime(1970, 1, 1, tzinfo=_datetime.timezone.utc)

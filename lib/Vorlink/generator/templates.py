@@ -439,7 +439,7 @@ PY_BANNER = "# Generated from ZelkoMsgRows.txt by vorlink_codegen.py. Do not edi
 
 PYI_INIT = T(PY_BANNER + '''import datetime
 import logging
-from typing import Any, Literal, Mapping, NamedTuple, Sequence, overload
+from typing import Any, Literal, Mapping, NamedTuple, Sequence, SupportsIndex, overload
 
 import numpy
 
@@ -448,7 +448,7 @@ from .logs import Log as Log, LogError as LogError, read_log as read_log
 from .records import Record as Record
 
 _Buffer = bytes | bytearray | memoryview
-_Key = int | str | MessageType | type[Record]
+_Key = SupportsIndex | str | MessageType | type[Record]
 _Value = int | float
 
 __version__: str
@@ -495,7 +495,8 @@ $decode_overloads
 def decode(__key: _Key, __payload: _Buffer) -> Record: ...
 def encode(key: _Key, values: Mapping[str, _Value] | Sequence[_Value] | None = None, /, *,
            fill: _Value | None = None, **fields: _Value) -> bytes: ...
-def to_protobuf(key: _Key, payload: _Buffer, *, time: datetime.datetime | float, sequence: int) -> bytes: ...
+def to_protobuf(key: _Key, payload: _Buffer, *, time: datetime.datetime | numpy.datetime64 | float,
+                sequence: int) -> bytes: ...
 $from_protobuf_overloads
 @overload
 def from_protobuf(key: _Key, data: _Buffer) -> Record: ...

@@ -93,7 +93,7 @@ std::string hexId(unsigned id)
     return text;
 }
 
-bool parseBusLogTime(std::string_view text, qint64 &msecs)
+bool parseBusLogTime(std::string_view text, qint64 &msecs, qint32 &nanos)
 {
     std::size_t i = 0;
     qint64 seconds = 0;
@@ -105,7 +105,7 @@ bool parseBusLogTime(std::string_view text, qint64 &msecs)
     }
     if (i == 0)
         return false;
-    int millis = 0;
+    qint32 fraction = 0;   // nanoseconds
     if (i < text.size()) {
         if (text[i] != '.')
             return false;
@@ -113,15 +113,21 @@ bool parseBusLogTime(std::string_view text, qint64 &msecs)
         const std::size_t decimals = text.size() - i;
         if (decimals < 1 || decimals > 9)
             return false;
-        // Digits past the third are read and dropped: a time holds milliseconds.
-        for (int scale = 100; i < text.size(); ++i, scale /= 10) {
+        for (qint32 scale = 100000000; i < text.size(); ++i, scale /= 10) {
             if (!isDigit(text[i]))
                 return false;
-            millis += (text[i] - '0') * scale;
+            fraction += (text[i] - '0') * scale;
         }
     }
-    msecs = seconds * 1000 + millis;
+    msecs = seconds * 1000 + fraction / 1000000;
+    nanos = fraction % 1000000;
     return msecs <= maxBusLogMsecs;
+}
+
+bool parseBusLogTime(std::string_view text, qint64 &msecs)
+{
+    qint32 nanos = 0;
+    return parseBusLogTime(text, msecs, nanos);
 }
 
 namespace {
@@ -164,7 +170,7 @@ LineResult parseBusLogLine(std::string_view line, BusLogEntry &entry)
     if (time.empty() || time.front() == '#')
         return {};
 
-    if (!parseBusLogTime(time, entry.msecs))
+    if (!parseBusLogTime(time, entry.msecs, entry.nanos))
         return LineResult::failed("bad time", "time " + quoted(time) + " is not seconds since 1970 (0 to 253402300799.999, up to 9 decimals)");
 
     const std::string_view sequence = nextField(rest);
@@ -224,11 +230,12 @@ void appendBusLogLine(const BusLogEntry &entry, std::string &out)
         ms = -ms;
     }
     char *p = std::to_chars(buffer, buffer + sizeof buffer, ms / 1000).ptr;
-    const int millis = int(ms % 1000);
+    // Three decimals, or six or nine when the time has more.
+    qint32 fraction = qint32(ms % 1000) * 1000000 + entry.nanos;
+    const int decimals = entry.nanos == 0 ? 3 : entry.nanos % 1000 == 0 ? 6 : 9;
     *p++ = '.';
-    *p++ = char('0' + millis / 100);
-    *p++ = char('0' + millis / 10 % 10);
-    *p++ = char('0' + millis % 10);
+    for (int k = 0; k < decimals; ++k, fraction %= 100000000, fraction *= 10)
+        *p++ = char('0' + fraction / 100000000);
     *p++ = ' ';
     p = std::to_chars(p, buffer + sizeof buffer, unsigned(entry.sequence)).ptr;
     *p++ = ' ';

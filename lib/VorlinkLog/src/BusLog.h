@@ -4,7 +4,7 @@
 // caller hands in one line (without its newline) and gets back what it holds.
 //
 // Bus-log line:   <time> <sequence> <id> <payload>   [# comment]
-//   time      seconds since 1970-01-01 UTC, up to nine decimals, kept to the millisecond
+//   time      seconds since 1970-01-01 UTC, up to nine decimals, kept to the nanosecond
 //   sequence  decimal, 0 to 65535
 //   id        hexadecimal, 1 to 4 digits, "0x" optional
 //   payload   hexadecimal, two digits per byte; "-" (or nothing) for no bytes
@@ -26,6 +26,7 @@ struct BusLogEntry
     quint16 sequence = 0;
     quint16 msgId = 0;
     QByteArray payload;      // the wire bytes; reused from line to line
+    qint32 nanos = 0;        // nanoseconds past msecs, 0 to 999999
 };
 
 struct LineResult
@@ -44,18 +45,40 @@ struct LineResult
 // protobuf Timestamp holds.
 constexpr qint64 maxBusLogMsecs = 253402300799999LL;
 
-// Reads a bus-log time: seconds since 1970 with at most nine decimals, of
-// which the fourth and later are dropped.
+// A time to the nanosecond, as a log line carries it: milliseconds since 1970
+// and the nanoseconds past them. Two numbers, since nanoseconds since 1970 run
+// past 64 bits before the year 9999 that a line may name.
+struct LogTime
+{
+    qint64 msecs = 0;
+    qint32 nanos = 0;   // 0 to 999999
+
+    friend bool operator<(const LogTime &a, const LogTime &b)
+    {
+        return a.msecs != b.msecs ? a.msecs < b.msecs : a.nanos < b.nanos;
+    }
+    friend bool operator<=(const LogTime &a, const LogTime &b) { return !(b < a); }
+};
+
+// Reads a bus-log time: seconds since 1970 with at most nine decimals, all
+// of them kept.
+bool parseBusLogTime(std::string_view text, qint64 &msecs, qint32 &nanos);
+// The same, with the digits past the millisecond dropped.
 bool parseBusLogTime(std::string_view text, qint64 &msecs);
 
 // An id as the tool shows it: 0x0100.
 std::string hexId(unsigned id);
 
-// Appends a time as ISO 8601 UTC with milliseconds: 2023-11-14T22:13:20.123Z.
+// Appends a time as ISO 8601 UTC with milliseconds, or with as many more
+// digits as the nanoseconds past them need (6 or 9):
+// 2023-11-14T22:13:20.123Z, 2023-11-14T22:13:20.123456Z.
 void appendIsoTime(qint64 msecs, std::string &out);
+void appendIsoTime(qint64 msecs, qint32 nanos, std::string &out);
 
 // Reads a time as a bus log writes it, or as ISO 8601 (UTC unless the text
-// gives an offset).
+// gives an offset), to the nanosecond; the second form drops what lies past
+// the millisecond.
+bool parseTimeArgument(const std::string &text, LogTime &time);
 bool parseTimeArgument(const std::string &text, qint64 &msecs);
 
 // Parses one bus-log line. On Message, `entry` holds its fields; on Skip and

@@ -19,9 +19,9 @@ Column::Column(Column &&other) noexcept
 Column::~Column() { std::free(data_); }
 
 // realloc moves a large block by remapping its pages, not by copying them.
-void Column::grow()
+void Column::grow(std::size_t atLeast)
 {
-    const std::size_t capacity = std::max<std::size_t>(64, capacity_ + capacity_ / 4);
+    const std::size_t capacity = std::max<std::size_t>({64, capacity_ + capacity_ / 4, atLeast});
     void *data = std::realloc(data_, capacity * width_);
     if (data == nullptr)
         throw std::bad_alloc();
@@ -32,12 +32,21 @@ void Column::grow()
 void Column::append(const void *value)
 {
     if (size_ == capacity_)
-        grow();
+        grow(size_ + 1);
     std::memcpy(data_ + size_ * width_, value, width_);
     ++size_;
 }
 
-LogTable::LogTable(const RowInfo &row) : row(&row)
+void Column::append(const void *values, std::size_t count)
+{
+    if (size_ + count > capacity_)
+        grow(size_ + count);
+    if (count > 0)
+        std::memcpy(data_ + size_ * width_, values, count * width_);
+    size_ += count;
+}
+
+LogTable::LogTable(const RowInfo &row) : row(&row), keepsUnread(row.payloadSize > row.wireSize)
 {
     for (const WireField &field : row.fields)
         if (field.position >= 0)
@@ -47,13 +56,18 @@ LogTable::LogTable(const RowInfo &row) : row(&row)
 void LogTable::add(const BusLogEntry &entry)
 {
     tally.add(entry, row->wireSize);
-    const qint64 ns = entry.msecs * 1000000;
+    const qint64 ns = entry.msecs * 1000000 + entry.nanos;
     timeNs.append(&ns);
     sequence.append(&entry.sequence);
     const char *payload = entry.payload.constData();
     std::size_t k = 0;
     for (Column &column : fields)
         column.append(payload + row->fields[k++].position);
+    if (keepsUnread) {
+        unreadBytes.append(payload + row->wireSize, std::size_t(entry.payload.size() - row->wireSize));
+        const qint64 end = qint64(unreadBytes.size());
+        unreadEnd.append(&end);
+    }
 }
 
 LogTables::LogTables() : index_(65536, -1) {}
@@ -85,7 +99,8 @@ std::size_t LogTables::valueBytes() const
 {
     std::size_t bytes = 0;
     for (const auto &table : tables_) {
-        bytes += table->timeNs.size() * 8 + table->sequence.size() * 2;
+        bytes += table->timeNs.size() * 8 + table->sequence.size() * 2 + table->unreadEnd.size() * 8 +
+                 table->unreadBytes.size();
         for (const Column &column : table->fields)
             bytes += column.size() * column.width();
     }
@@ -96,7 +111,8 @@ std::size_t LogTables::heldBytes() const
 {
     std::size_t bytes = 0;
     for (const auto &table : tables_) {
-        bytes += table->timeNs.capacityBytes() + table->sequence.capacityBytes();
+        bytes += table->timeNs.capacityBytes() + table->sequence.capacityBytes() +
+                 table->unreadEnd.capacityBytes() + table->unreadBytes.capacityBytes();
         for (const Column &column : table->fields)
             bytes += column.capacityBytes();
     }

@@ -24,14 +24,18 @@ struct MessageTally
 {
     long long count = 0;
     qint64 first = 0, last = 0;   // milliseconds since 1970
+    qint32 firstNanos = 0, lastNanos = 0;   // and the nanoseconds past them
     long long bytes = 0;          // payload bytes in all
     long long unread = 0;         // messages with payload bytes behind their record
 
     void add(const BusLogEntry &entry, int wireSize)
     {
-        if (count++ == 0)
+        if (count++ == 0) {
             first = entry.msecs;
+            firstNanos = entry.nanos;
+        }
         last = entry.msecs;
+        lastNanos = entry.nanos;
         bytes += entry.payload.size();
         unread += entry.payload.size() > wireSize ? 1 : 0;
     }
@@ -57,13 +61,14 @@ public:
     ~Column();
 
     void append(const void *value);
+    void append(const void *values, std::size_t count);
     const void *data() const { return data_; }
     std::size_t size() const { return size_; }      // values
     std::size_t width() const { return width_; }
     std::size_t capacityBytes() const { return capacity_ * width_; }
 
 private:
-    void grow();
+    void grow(std::size_t atLeast);
     std::size_t width_;
     char *data_ = nullptr;
     std::size_t size_ = 0, capacity_ = 0;
@@ -79,6 +84,12 @@ struct LogTable
     Column timeNs{8};      // nanoseconds since 1970, as a signed 64-bit number
     Column sequence{2};    // as the log writes it, 0 to 65535
     std::vector<Column> fields;   // the record's wire fields in wire order
+    // For a message whose payload is longer than its record (the union
+    // messages): the bytes behind the record, message after message, and
+    // where each message's bytes end in them.
+    bool keepsUnread = false;
+    Column unreadEnd{8};
+    Column unreadBytes{1};
 };
 
 // Every selected message of a scan, one table per message type in the order

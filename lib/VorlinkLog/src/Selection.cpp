@@ -133,7 +133,7 @@ bool Selection::addMessage(const std::string &text, std::string &error)
     return true;
 }
 
-bool Selection::setSpan(qint64 from, qint64 to)
+bool Selection::setSpan(LogTime from, LogTime to)
 {
     from_ = from;
     to_ = to;

@@ -21,9 +21,9 @@ class Selection
 public:
     // Adds the messages a key names (see resolveMessageKey).
     bool addMessage(const std::string &key, std::string &error);
-    // Only messages at or after `from` and at or before `to` (milliseconds
-    // since 1970); false when `from` is later than `to`.
-    bool setSpan(qint64 from, qint64 to);
+    // Only messages at or after `from` and at or before `to`, to the
+    // nanosecond; false when `from` is later than `to`.
+    bool setSpan(LogTime from, LogTime to);
 
     // Narrows the selection further to these ids, for a command that only
     // needs some messages.
@@ -34,8 +34,11 @@ public:
     }
 
     bool wantsId(quint16 id) const { return all_ || ids_[id]; }
-    bool wantsTime(qint64 msecs) const { return msecs >= from_ && msecs <= to_; }
-    bool wants(const BusLogEntry &entry) const { return wantsId(entry.msgId) && wantsTime(entry.msecs); }
+    bool wantsTime(const LogTime &time) const { return from_ <= time && time <= to_; }
+    bool wants(const BusLogEntry &entry) const
+    {
+        return wantsId(entry.msgId) && wantsTime(LogTime{entry.msecs, entry.nanos});
+    }
 
     // The rows --message named, in id order; empty when it was not given.
     std::vector<const RowInfo *> rows() const;
@@ -43,8 +46,8 @@ public:
 private:
     bool all_ = true;
     std::bitset<65536> ids_;
-    qint64 from_ = std::numeric_limits<qint64>::min();
-    qint64 to_ = std::numeric_limits<qint64>::max();
+    LogTime from_{std::numeric_limits<qint64>::min(), 0};
+    LogTime to_{std::numeric_limits<qint64>::max(), 0};
 };
 
 // The messages a key names, in id order: an id in hexadecimal (0x2600, or

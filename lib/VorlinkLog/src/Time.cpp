@@ -29,7 +29,9 @@ void putDigits(char *at, unsigned value, int count)
 
 } // namespace
 
-void appendIsoTime(qint64 msecs, std::string &out)
+void appendIsoTime(qint64 msecs, std::string &out) { appendIsoTime(msecs, 0, out); }
+
+void appendIsoTime(qint64 msecs, qint32 nanos, std::string &out)
 {
     qint64 days = msecs / 86400000;
     qint64 rest = msecs % 86400000;
@@ -49,20 +51,54 @@ void appendIsoTime(qint64 msecs, std::string &out)
     putDigits(text + 14, ms / 60000 % 60, 2);
     putDigits(text + 17, ms / 1000 % 60, 2);
     putDigits(text + 20, ms % 1000, 3);
-    out.append(text, sizeof text - 1);
+    out.append(text, sizeof text - 2);
+    if (nanos != 0) {
+        char more[6];
+        const int digits = nanos % 1000 == 0 ? 3 : 6;
+        putDigits(more, unsigned(nanos) / (digits == 3 ? 1000 : 1), digits);
+        out.append(more, std::size_t(digits));
+    }
+    out += 'Z';
+}
+
+bool parseTimeArgument(const std::string &text, LogTime &time)
+{
+    if (parseBusLogTime(text, time.msecs, time.nanos))
+        return true;
+    // Qt reads ISO 8601 to the millisecond: the digits past the seconds are
+    // taken off here and read to the nanosecond.
+    std::string rest = text;
+    qint32 fraction = 0;
+    const std::size_t t = text.find('T');
+    const std::size_t dot = t == std::string::npos ? t : text.find_first_of(".,", t);
+    if (dot != std::string::npos) {
+        std::size_t end = dot + 1;
+        for (qint32 scale = 100000000; end < text.size() && text[end] >= '0' && text[end] <= '9'; ++end, scale /= 10) {
+            if (end - dot > 9)
+                return false;
+            fraction += (text[end] - '0') * scale;
+        }
+        if (end == dot + 1)
+            return false;
+        rest = text.substr(0, dot) + text.substr(end);
+    }
+    QDateTime parsed = QDateTime::fromString(QString::fromStdString(rest), Qt::ISODate);
+    if (!parsed.isValid())
+        return false;
+    if (parsed.timeSpec() == Qt::LocalTime)   // no offset given: the log's own zone, UTC
+        parsed.setTimeSpec(Qt::UTC);
+    time.msecs = parsed.toMSecsSinceEpoch() + fraction / 1000000;
+    time.nanos = fraction % 1000000;
+    return time.msecs >= 0 && time.msecs <= maxBusLogMsecs;
 }
 
 bool parseTimeArgument(const std::string &text, qint64 &msecs)
 {
-    if (parseBusLogTime(text, msecs))
-        return true;
-    QDateTime time = QDateTime::fromString(QString::fromStdString(text), Qt::ISODateWithMs);
-    if (!time.isValid())
+    LogTime time;
+    if (!parseTimeArgument(text, time))
         return false;
-    if (time.timeSpec() == Qt::LocalTime)   // no offset given: the log's own zone, UTC
-        time.setTimeSpec(Qt::UTC);
-    msecs = time.toMSecsSinceEpoch();
-    return msecs >= 0 && msecs <= maxBusLogMsecs;
+    msecs = time.msecs;
+    return true;
 }
 
 } // namespace vorlink

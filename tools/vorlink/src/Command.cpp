@@ -83,8 +83,8 @@ bool resolveSelection(const SelectionOptions &options, Selection &selection, std
             return false;
         }
     }
-    qint64 from = std::numeric_limits<qint64>::min();
-    qint64 to = std::numeric_limits<qint64>::max();
+    LogTime from{std::numeric_limits<qint64>::min(), 0};
+    LogTime to{std::numeric_limits<qint64>::max(), 0};
     if (options.fromGiven && !parseTimeArgument(options.from, from)) {
         error = "--from: '" + options.from + "' is neither seconds since 1970 nor an ISO 8601 time";
         return false;

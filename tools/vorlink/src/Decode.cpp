@@ -42,8 +42,10 @@ const char *const decodeFooter = R"(Formats:
   binary  length-delimited protobuf stream: each message's size as a varint,
           then its bytes (what protobuf's ParseDelimitedFrom reads)
   csv     one message type (select it with --message): a header row of time,
-          message, id (0x2600), sequence, msgId (9728) and the schema fields,
-          then a row per message
+          message, id (0x2600), sequence (0 to 65535), msgId (9728) and the
+          schema fields (oneof members left out: the library never sets
+          them), then unread (the payload's bytes behind the record, in
+          hexadecimal) for the union messages; then a row per message
 
 Examples:
   vorlink decode examples/bus.log
@@ -67,33 +69,54 @@ void appendVarint(std::string &out, std::uint32_t value)
 }
 
 // The CSV header: time, the message's name, its id as the log writes it,
-// sequence and msgId as the schema holds them, then the schema fields by name.
+// sequence as the log writes it (0 to 65535), msgId as the schema holds it,
+// then the schema fields by name, without the oneof members, which the
+// library never sets; last, for a message whose payload is longer than its
+// record, the bytes behind the record (unread).
 void appendCsvHeader(const RowInfo &row, std::string &out)
 {
     out += "time,message,id,sequence,msgId";
     for (int k = 0; k < row.descriptor->field_count(); ++k) {
         const FieldDescriptor *field = row.descriptor->field(k);
-        if (field->name() != "header") {
+        if (field->name() != "header" && field->containing_oneof() == nullptr) {
             out += ',';
             out += field->name();
         }
     }
+    if (row.payloadSize > row.wireSize)
+        out += ",unread";
     out += '\n';
 }
 
+void appendHex(const char *data, int size, std::string &out)
+{
+    static const char digits[] = "0123456789abcdef";
+    for (int k = 0; k < size; ++k) {
+        const auto byte = static_cast<unsigned char>(data[k]);
+        out += digits[byte >> 4];
+        out += digits[byte & 15];
+    }
+}
+
 // One CSV row: values as the schema holds them (JsonCodec's spelling: floats
-// in the shortest form that reads back to the same float), an unset member of
-// a oneof left empty.
+// in the shortest form that reads back to the same float), the unread bytes
+// in hexadecimal.
 bool appendCsvRow(const RowInfo &row, const BusLogEntry &entry, const QByteArray &proto, MessageValues &values,
                   std::string &out)
 {
     if (!readMessageValues(row, proto.constData(), std::size_t(proto.size()), values))
         return false;
-    appendIsoTime(entry.msecs, out);
-    out += ',' + row.message + ',' + hexId(entry.msgId) + ',' + std::to_string(values.sequence) + ',' + std::to_string(values.msgId);
+    appendIsoTime(entry.msecs, entry.nanos, out);
+    out += ',' + row.message + ',' + hexId(entry.msgId) + ',' + std::to_string(entry.sequence) + ',' + std::to_string(values.msgId);
     for (const FieldValue &value : values.fields) {
+        if (value.field->containing_oneof() != nullptr)
+            continue;
         out += ',';
         appendFieldValue(out, value);
+    }
+    if (row.payloadSize > row.wireSize) {
+        out += ',';
+        appendHex(entry.payload.constData() + row.wireSize, entry.payload.size() - row.wireSize, out);
     }
     out += '\n';
     return true;
@@ -103,7 +126,7 @@ bool appendCsvRow(const RowInfo &row, const BusLogEntry &entry, const QByteArray
 // of the payload that the record does not read, if any.
 void appendDumpLine(const RowInfo &row, const BusLogEntry &entry, std::string &out)
 {
-    appendIsoTime(entry.msecs, out);
+    appendIsoTime(entry.msecs, entry.nanos, out);
     out += ' ';
     out += hexId(entry.msgId);
     out += ' ';
@@ -112,13 +135,8 @@ void appendDumpLine(const RowInfo &row, const BusLogEntry &entry, std::string &o
     setDumpTarget(nullptr);
     const int unread = entry.payload.size() - row.wireSize;
     if (unread > 0) {
-        static const char digits[] = "0123456789abcdef";
         out += "  +" + std::to_string(unread) + (unread == 1 ? " byte" : " bytes") + " not read: ";
-        for (int k = row.wireSize; k < entry.payload.size(); ++k) {
-            const auto byte = static_cast<unsigned char>(entry.payload[k]);
-            out += digits[byte >> 4];
-            out += digits[byte & 15];
-        }
+        appendHex(entry.payload.constData() + row.wireSize, unread, out);
     }
     out += '\n';
 }

@@ -28,10 +28,10 @@ struct StatsOptions
     Selection selection;
 };
 
-std::string isoTime(qint64 msecs)
+std::string isoTime(qint64 msecs, qint32 nanos)
 {
     std::string text;
-    appendIsoTime(msecs, text);
+    appendIsoTime(msecs, nanos, text);
     return text;
 }
 
@@ -52,7 +52,8 @@ void writeText(const std::vector<const RowInfo *> &rows, const std::vector<Messa
         if (s.rateHz(rate))
             std::snprintf(rateText, sizeof rateText, "%.3f", rate);
         std::snprintf(line, sizeof line, "0x%04X  %-*s %9lld  %-24s  %-24s  %10s  %11lld  %9lld\n", row->id,
-                      width, row->message.c_str(), s.count, isoTime(s.first).c_str(), isoTime(s.last).c_str(), rateText,
+                      width, row->message.c_str(), s.count, isoTime(s.first, s.firstNanos).c_str(),
+                      isoTime(s.last, s.lastNanos).c_str(), rateText,
                       s.bytes, s.unread);
         out.append(line);
     }
@@ -78,8 +79,8 @@ void writeJson(const std::vector<const RowInfo *> &rows, const std::vector<Messa
                          {"msgId", row->id},
                          {"message", QString::fromStdString(row->message)},
                          {"count", s.count},
-                         {"first", QString::fromStdString(isoTime(s.first))},
-                         {"last", QString::fromStdString(isoTime(s.last))},
+                         {"first", QString::fromStdString(isoTime(s.first, s.firstNanos))},
+                         {"last", QString::fromStdString(isoTime(s.last, s.lastNanos))},
                          {"payloadBytes", s.bytes},
                          {"withUnreadBytes", s.unread}};
         double rate = 0;

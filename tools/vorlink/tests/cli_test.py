@@ -62,9 +62,8 @@ class Decode(unittest.TestCase):
         out = run("decode", "--format", "binary", stdin=big + ALARM).stdout
         self.assertEqual((out[:2], run("encode", stdin=out).stdout), (b"\x80\x01", big + ALARM))
         csv = run("decode", "--format", "csv", "--message", "TdEvent", stdin=EVENT).stdout.decode().splitlines()
-        self.assertEqual(csv, ["time,message,id,sequence,msgId,event,dataType1,data1_bool,data1_uint32,data1_int32,"
-                               "data1_float,dataType2,data2_bool,data2_uint32,data2_int32,data2_float",
-                               "1970-01-01T00:00:01.500Z,TdEvent,0x1700,-1,5888,9,1,,,,,2,,,,"])
+        self.assertEqual(csv, ["time,message,id,sequence,msgId,event,dataType1,dataType2,unread",
+                               "1970-01-01T00:00:01.500Z,TdEvent,0x1700,65535,5888,9,1,2,2a00000003000000"])
         for line, values in ((BAL, "11776,3,0,0.1,true,7,false,true,false"), (b"1 1 0x1100 fbffffff0000804b51069e3f" +
                              b"00" * 12 + b"ffffffff" + b"00" * 8, "4352,-5,16777216,1.2345678,0,0,0,4294967295,0,0")):
             csv = run("decode", "--format", "csv", "--message", line.split()[2].decode(), stdin=line).stdout.decode()

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <string>
+#include <tuple>
 #include <vector>
 
 using vorlink::BusLogEntry;
@@ -23,7 +24,7 @@ TEST(BusLogLine, ReadsEveryFieldInItsWrittenForms)
         {"0.05 0 a0 -", 50, 0, 0x00A0, ""},
         {"1 1 0X0000", 1000, 1, 0, ""}, // no payload: empty, not the earlier line's
         {"253402300799.999 1 0x0000 -", vorlink::maxBusLogMsecs, 1, 0, ""},
-        // Micro- and nanoseconds are read, and kept to the millisecond.
+        // Micro- and nanoseconds are read, the milliseconds here, the rest below.
         {"1700000000.123456 1 0x0000 -", 1700000000123LL, 1, 0, ""},
         {"1.999999999 1 0x0000 -", 1999, 1, 0, ""},
     };
@@ -35,6 +36,19 @@ TEST(BusLogLine, ReadsEveryFieldInItsWrittenForms)
         EXPECT_EQ(e.sequence, c.sequence) << c.line;
         EXPECT_EQ(e.msgId, c.id) << c.line;
         EXPECT_EQ(e.payload.toHex(), QByteArray(c.payload)) << c.line;
+    }
+    // The nanoseconds past the millisecond, and the line written back with
+    // as many decimals as they need.
+    const std::pair<const char *, qint32> past[] = {{"1700000000.123456 1 0x0000 -", 456000},
+                                                    {"1.999999999 1 0x0000 -", 999999},
+                                                    {"1.000000100 1 0x0000 -", 100},
+                                                    {"1.500 1 0x0000 -", 0}};
+    for (const auto &[line, nanos] : past) {
+        ASSERT_TRUE(vorlink::parseBusLogLine(line, e).isMessage()) << line;
+        EXPECT_EQ(e.nanos, nanos) << line;
+        std::string text;
+        vorlink::appendBusLogLine(e, text);
+        EXPECT_EQ(text, line);
     }
     for (const char *line : {"", "   ", "\t\r", "# a comment", "   # 1 2 0x0100 00"})
         EXPECT_EQ(vorlink::parseBusLogLine(line, e).kind, LineResult::Skip) << '"' << line << '"';
@@ -107,6 +121,23 @@ TEST(Time, IsoTextBothWaysInUtcWhateverTheLocalZone)
         qint64 got = -1;
         EXPECT_EQ(vorlink::parseTimeArgument(text, got), msecs >= 0) << text;
         EXPECT_EQ(msecs >= 0 ? got : -1, msecs) << text;
+    }
+    // To the nanosecond, both ways.
+    const std::tuple<const char *, qint64, qint32, const char *> fine[] = {
+        {"2023-11-14T22:13:20.123456789Z", 1700000000123LL, 456789, "2023-11-14T22:13:20.123456789Z"},
+        {"2023-11-14T23:13:20.1234+01:00", 1700000000123LL, 400000, "2023-11-14T22:13:20.123400Z"},
+        {"1700000000.000001", 1700000000000LL, 1000, "2023-11-14T22:13:20.000001Z"},
+        {"2023-11-14T22:13:20.1234567891Z", -1, 0, ""}};
+    for (const auto &[text, msecs, nanos, iso] : fine) {
+        vorlink::LogTime got{-1, 0};
+        EXPECT_EQ(vorlink::parseTimeArgument(text, got), msecs >= 0) << text;
+        if (msecs < 0)
+            continue;
+        EXPECT_EQ(got.msecs, msecs) << text;
+        EXPECT_EQ(got.nanos, nanos) << text;
+        std::string written;
+        vorlink::appendIsoTime(got.msecs, got.nanos, written);
+        EXPECT_EQ(written, iso);
     }
 }
 
