@@ -545,14 +545,13 @@ PyObject *toProtobuf(PyObject *, PyObject *const *args, Py_ssize_t nargs)
     Bytra::Can::Message message;
     int row = -1;
     if (PyLong_CheckExact(args[0])) {
-        const long id = PyLong_AsLong(args[0]);
-        if (id >= 0 && id <= 0xFFFF) {
+        int overflow = 0;
+        const long id = PyLong_AsLongAndOverflow(args[0], &overflow);
+        if (overflow == 0 && id >= 0 && id <= 0xFFFF) {
             message.msgId = quint16(id);
             row = rowOfId(message.msgId);
-        } else if (PyErr_Occurred()) {
-            return nullptr;
         } else {
-            PyErr_Format(PyExc_KeyError, "%ld is no message id (ids are 0 to 0xFFFF)", id);
+            findRow(args[0]);   // raises the KeyError of every function for an id past 16 bits
             return nullptr;
         }
     }
