@@ -105,6 +105,22 @@ def test_bad_lines_raise_or_are_collected_as_the_tool_reports_them():
     assert sum(len(t) for t in log.tables().values()) == tool.stdout.count("\n")
 
 
+@pytest.mark.parametrize("packer", ["gzip", "xz", "zstd"])
+def test_a_compressed_log_reads_as_the_plain_one_by_path_and_as_a_file_object(packer, tmp_path):
+    with open(BUS_LOG, "rb") as f:
+        packed = subprocess.run([packer, "-c"], stdin=f, capture_output=True, check=True).stdout
+    path = tmp_path / "bus.log.1"
+    path.write_bytes(packed)
+    want = vorlink.read_log(BUS_LOG).tables()
+    for source in (str(path), open(path, "rb")):
+        got = vorlink.read_log(source).tables()
+        assert list(got) == list(want) and all(got[name].equals(want[name]) for name in want)
+    path.write_bytes(packed[:len(packed) // 2])
+    with pytest.raises(vorlink.LogError, match=rf"bus.log.1:\d+: {packer} data ends early \(the file is truncated\), "
+                                               rf"at byte {len(packed) // 2}$"):
+        vorlink.read_log(path)
+
+
 def test_misuse_is_named():
     with pytest.raises(KeyError, match="no message 'DdTemprature'; nearest: DdTemperatureData"):
         vorlink.read_log(BUS_LOG, message="DdTemprature")

@@ -1,5 +1,6 @@
 #include "LineReader.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -30,27 +31,56 @@ bool readableNow(int fd)
 
 } // namespace
 
-LineReader::~LineReader()
+LineReader::LineReader() = default;
+
+LineReader::~LineReader() { reset(); }
+
+void LineReader::reset()
 {
+    inflating_.reset();
     if (ownFd_ && fd_ >= 0)
         ::close(fd_);
+    fd_ = -1;
+    ownFd_ = false;
+    read_ = nullptr;
+    compression_ = Compression::None;
+    detected_ = waitingForFile_ = goneReported_ = false;
+    eof_ = live_ = follow_ = stopped_ = false;
+    rawBytes_ = refused_ = 0;
+    lastIdle_ = fileOffset_ = 0;
+    inode_ = device_ = 0;
+    restart_ = std::size_t(-1);
+    path_.clear();
+    readError_ = 0;
+    begin_ = end_ = 0;
+    lineNumber_ = consumed_ = 0;
+    total_ = -1;
 }
 
 bool LineReader::open(const std::string &path, std::string &error, bool follow)
 {
+    reset();
+    struct stat st;
     if (path == "-") {
         fd_ = STDIN_FILENO;
         name_ = "<stdin>";
     } else {
+        name_ = path;
         fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd_ < 0 && follow && errno == ENOENT) {
+            // Waited for as `tail -F` does; the first read says so.
+            waitingForFile_ = true;
+            ownFd_ = follow_ = live_ = true;
+            path_ = path;
+            buffer_.resize(std::size_t(1) << 20);
+            return true;
+        }
         if (fd_ < 0) {
             error = path + ": " + std::strerror(errno);
             return false;
         }
         ownFd_ = true;
-        name_ = path;
     }
-    struct stat st;
     if (::fstat(fd_, &st) == 0 && S_ISREG(st.st_mode))
         total_ = st.st_size;
     if (total_ < 0 && ownFd_ && ::fstat(fd_, &st) == 0 && S_ISDIR(st.st_mode)) {
@@ -71,15 +101,110 @@ bool LineReader::open(const std::string &path, std::string &error, bool follow)
     if (total_ >= 0)
         ::posix_fadvise(fd_, 0, 0, POSIX_FADV_SEQUENTIAL);
 #endif
-    buffer_.resize(1 << 20);
+    buffer_.resize(std::size_t(1) << 20);
     return true;
 }
 
 void LineReader::open(ReadFunction read, std::string name)
 {
+    reset();
     read_ = std::move(read);
     name_ = std::move(name);
-    buffer_.resize(1 << 20);
+    buffer_.resize(std::size_t(1) << 20);
+}
+
+// Reads what the first bytes of the source are; false while they could still
+// be the start of a compressed format's magic.
+bool LineReader::detect()
+{
+    static constexpr std::string_view magics[] = {std::string_view("\x1F\x8B", 2), std::string_view("\xFD" "7zXZ\0", 6),
+                                                  std::string_view("\x28\xB5\x2F\xFD", 4)};
+    const std::string_view head(buffer_.data(), end_);
+    if (!eof_)
+        for (const std::string_view magic : magics)
+            if (head.size() < magic.size() && magic.substr(0, head.size()) == head)
+                return false;
+    detected_ = true;
+    compression_ = compressionOf(head);
+    if (compression_ == Compression::None)
+        return true;
+    inflating_ = std::make_unique<Decompressor>(compression_, head, eof_);
+    eof_ = false;
+    begin_ = end_ = 0;
+    if (follow_) {
+        if (notice_)
+            notice_(name_ + ": " + compressionName(compression_) + "-compressed; read once to its end, not followed");
+        struct stat st;
+        follow_ = false;
+        live_ = false;
+        if (::fstat(fd_, &st) == 0)
+            total_ = st.st_size;
+    }
+    if (ownFd_ && !live_)
+        inflating_->start(fd_);
+    return true;
+}
+
+// Bytes of the source as the lines are made of them: decompressed, if it is
+// compressed. As readRaw(), with -1 also where compressed data broke off.
+long LineReader::readSource(char *data, std::size_t size)
+{
+    if (!inflating_)
+        return readRaw(data, size);
+    Decompressor &z = *inflating_;
+    const long n = z.threaded() ? z.take(data, size, stop_)
+                                : z.produce(data, size, [this](char *d, std::size_t s) { return readRaw(d, s); });
+    rawBytes_ = z.taken();
+    if (n < 0 && z.threaded()) {
+        if (stop_ != nullptr && *stop_ != 0) {
+            halt();
+            return -1;
+        }
+        readError_ = z.readError();
+    }
+    return n;
+}
+
+// The source's own bytes: the count, 0 at its end, -1 when the reader halted
+// (or a followed file started again, see restart_) or the read failed.
+long LineReader::readRaw(char *data, std::size_t size)
+{
+    for (;;) {
+        if (stop_ != nullptr && *stop_ != 0) {
+            halt();
+            return -1;
+        }
+        if (waitingForFile_ && !waitForFile())
+            return -1;
+        if (live_ && !read_ && (idle_ || stop_ != nullptr)) {
+            if (!follow_ && !readableNow(fd_)) {
+                if (!waitForInput())
+                    return -1;
+            } else if (nowMs() - lastIdle_ >= idleEveryMs && !idle()) {
+                halt();
+                return -1;
+            }
+        }
+        const long n = read_ ? read_(data, size) : long(::read(fd_, data, size));
+        if (n > 0) {
+            fileOffset_ += n;
+            if (!inflating_)
+                rawBytes_ += n;
+            return n;
+        }
+        if (n < 0 && !read_ && errno == EINTR)
+            continue;
+        if (n == 0 && follow_ && compression_ == Compression::None) {
+            if (!waitForGrowth())
+                return -1;
+            if (restart_ == end_)
+                return -1;   // the replaced file's last line, now ended
+            continue;
+        }
+        if (n < 0)
+            readError_ = read_ ? int(-n) : errno;
+        return n < 0 ? -1 : 0;
+    }
 }
 
 bool LineReader::fill()
@@ -92,36 +217,36 @@ bool LineReader::fill()
         begin_ = 0;
     }
     if (end_ == buffer_.size())
-        buffer_.resize(buffer_.size() * 2);   // a line longer than the buffer
+        buffer_.resize(buffer_.size() * 2);   // a line longer than the buffer, up to maxLineBytes
     for (;;) {
-        if (stop_ != nullptr && *stop_ != 0)
-            return halt();
-        if (live_ && !read_ && (idle_ || stop_ != nullptr)) {
-            if (!follow_ && !readableNow(fd_)) {
-                if (!waitForInput())
-                    return false;
-            } else if (nowMs() - lastIdle_ >= idleEveryMs && !idle()) {
-                return halt();
-            }
-        }
-        const long n = read_ ? read_(buffer_.data() + end_, buffer_.size() - end_)
-                             : long(::read(fd_, buffer_.data() + end_, buffer_.size() - end_));
+        const long n = detected_ ? readSource(buffer_.data() + end_, buffer_.size() - end_)
+                                 : readRaw(buffer_.data() + end_, buffer_.size() - end_);
         if (n > 0) {
             end_ += std::size_t(n);
-            fileOffset_ += n;
+            if (!detected_ && (!detect() || inflating_))
+                continue;   // more of the first bytes, or the first decompressed ones
             return true;
         }
-        if (n < 0 && !read_ && errno == EINTR)
-            continue;
-        if (n == 0 && follow_) {
-            if (!waitForGrowth())
-                return false;
-            if (restart_ == end_)
-                return true;   // the replaced file's last line, now ended
-            continue;
+        if (stopped_)
+            return false;
+        if (n < 0 && restart_ == end_ && restart_ != std::size_t(-1))
+            return true;
+        if (!detected_ && n == 0) {
+            eof_ = true;
+            detect();
+            if (inflating_)
+                continue;   // a compressed file shorter than one read
+            return false;
         }
-        if (n < 0)
-            readError_ = read_ ? int(-n) : errno;
+        if (inflating_ && !inflating_->error().empty()) {
+            // Whole lines before the break were given out; the rest of the
+            // line it cut is lost with the data behind it.
+            const long long line = lineNumber_ + 1;
+            begin_ = end_;
+            eof_ = true;
+            refuse(line, "broken data", inflating_->error());
+            return false;
+        }
         eof_ = true;
         return false;
     }
@@ -178,7 +303,13 @@ bool LineReader::waitForGrowth()
             }
         }
         struct stat named;
-        if (::stat(path_.c_str(), &named) == 0 &&
+        const bool there = ::stat(path_.c_str(), &named) == 0;
+        if (!there && errno == ENOENT && !goneReported_) {
+            goneReported_ = true;
+            if (notice_)
+                notice_(name_ + ": disappeared; waiting for it to appear again");
+        }
+        if (there &&
             (static_cast<unsigned long long>(named.st_ino) != inode_ ||
              static_cast<unsigned long long>(named.st_dev) != device_)) {
             const int fd = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC);
@@ -189,10 +320,38 @@ bool LineReader::waitForGrowth()
                 fd_ = fd;
                 inode_ = opened.st_ino;
                 device_ = opened.st_dev;
+                goneReported_ = false;
                 startAgain("replaced; reading the new file from its start");
                 return true;
             }
         }
+        if (nowMs() - lastIdle_ >= idleEveryMs && !idle())
+            return halt();
+        ::poll(nullptr, 0, growthPollMs);
+    }
+}
+
+// A followed file that is not there: waits for it to appear, saying so once.
+bool LineReader::waitForFile()
+{
+    if (notice_)
+        notice_(name_ + ": " + std::strerror(ENOENT) + "; waiting for it to appear");
+    for (;;) {
+        if (stop_ != nullptr && *stop_ != 0)
+            return halt();
+        fd_ = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC);
+        struct stat st;
+        if (fd_ >= 0 && ::fstat(fd_, &st) == 0) {
+            waitingForFile_ = false;
+            inode_ = st.st_ino;
+            device_ = st.st_dev;
+            if (notice_)
+                notice_(name_ + ": appeared; reading it");
+            return true;
+        }
+        if (fd_ >= 0)
+            ::close(fd_);
+        fd_ = -1;
         if (nowMs() - lastIdle_ >= idleEveryMs && !idle())
             return halt();
         ::poll(nullptr, 0, growthPollMs);
@@ -223,17 +382,55 @@ void LineReader::skipByteOrderMark(std::string_view &line)
         line.remove_prefix(3);
 }
 
+bool LineReader::refuse(long long line, const char *cause, std::string reason)
+{
+    ++refused_;
+    return !refuse_ || refuse_(line, cause, std::move(reason));
+}
+
+// The line at begin_ is longer than maxLineBytes: dropped as it comes, up to
+// and with its newline, then refused. False when the input ends for good.
+bool LineReader::skipLongLine()
+{
+    const long long number = ++lineNumber_;
+    long long length = 0;
+    for (;;) {
+        const char *const from = buffer_.data() + begin_;
+        const void *nl = std::memchr(from, '\n', end_ - begin_);
+        const std::size_t part = nl != nullptr ? std::size_t(static_cast<const char *>(nl) - from) : end_ - begin_;
+        length += static_cast<long long>(part);
+        consumed_ += static_cast<long long>(part + (nl != nullptr ? 1 : 0));
+        begin_ += part + (nl != nullptr ? 1 : 0);
+        if (nl != nullptr || eof_ || (!fill() && (stopped_ || begin_ == end_))) {
+            if (stopped_)
+                return false;
+            if (refuse(number, "line too long", "line of " + std::to_string(length) + " bytes is longer than the " +
+                                                    std::to_string(maxLineBytes) + " a line may have; skipped"))
+                return true;
+            begin_ = end_;
+            eof_ = true;
+            return false;
+        }
+    }
+}
+
 bool LineReader::next(std::string_view &line)
 {
     std::size_t searched = begin_;
     for (;;) {
         const void *nl = std::memchr(buffer_.data() + searched, '\n', end_ - searched);
+        const std::size_t at = nl != nullptr ? std::size_t(static_cast<const char *>(nl) - buffer_.data()) : end_;
+        if (at - begin_ > maxLineBytes) {
+            if (!skipLongLine())
+                return false;
+            searched = begin_;
+            continue;
+        }
         if (nl != nullptr) {
             if (begin_ == restart_) {
                 lineNumber_ = consumed_ = 0;
                 restart_ = std::size_t(-1);
             }
-            const std::size_t at = std::size_t(static_cast<const char *>(nl) - buffer_.data());
             line = std::string_view(buffer_.data() + begin_, at - begin_);
             consumed_ += static_cast<long long>(at + 1 - begin_);
             begin_ = at + 1;
@@ -252,7 +449,7 @@ bool LineReader::next(std::string_view &line)
         const std::size_t pending = end_ - begin_;
         if (!fill() && stopped_)
             return false;
-        searched = begin_ + pending;
+        searched = begin_ + std::min(pending, end_ - begin_);   // broken data drops the line it cut
     }
 }
 

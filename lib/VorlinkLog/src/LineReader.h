@@ -3,14 +3,27 @@
 // Lines of a bus log, read through one large buffer from a file, standard
 // input or a caller's read function, and the count of what was rejected.
 //
+// A source compressed with gzip, xz or zstd is recognised by its first bytes
+// and read decompressed; a file by name is decompressed in a thread of its
+// own, a few blocks ahead of the lines. Data that breaks off (corrupt or
+// truncated) ends the input there: every whole line before it is given out,
+// and the break is reported at its byte.
+//
+// A line longer than maxLineBytes is never held: it is skipped to its
+// newline and reported with its number and length, and the lines behind it
+// are read as usual. Memory stays within a few buffers on any input.
+//
 // A live source (a pipe, a terminal, a file followed as it grows) is read the
 // same way, with three hooks for a caller that shows what it reads as it
 // comes: a call whenever the reader is about to wait for more, a flag that
 // ends the input (set by a signal handler), and notes about a followed file.
 
+#include "Compressed.h"
+
 #include <csignal>
 #include <functional>
 #include <map>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -20,15 +33,28 @@ namespace vorlink {
 class LineReader
 {
 public:
+    // The longest line given out, newline excluded. A bus-log line is a few
+    // hundred bytes at most (136 payload bytes in hex, times to nine decimals).
+    static constexpr std::size_t maxLineBytes = std::size_t(1) << 20;
+
     // Reads up to `size` bytes into `data`: the count, 0 at the end, or -errno.
     using ReadFunction = std::function<long(char *data, std::size_t size)>;
 
+    LineReader();
     ~LineReader();
+    LineReader(const LineReader &) = delete;
+    LineReader &operator=(const LineReader &) = delete;
     // A file, or standard input for "-". With `follow`, a regular file is
     // read on as lines are appended to it, as `tail -F` does: at its end the
     // reader waits for more; a partial last line waits for its newline; a
     // file truncated or replaced under the same name (log rotation) is read
     // again from its start, the line numbers and byte counts starting again.
+    // A followed file that does not exist yet is waited for, and one that
+    // disappears is waited for again; a compressed one is read once, not
+    // followed. Each of these is told through onNotice().
+    //
+    // A reader may be opened again for the next input: the line numbers and
+    // counts start again, the calls given below are kept.
     bool open(const std::string &path, std::string &error, bool follow = false);
     // Any other source, such as a Python file object; `name` is how reports call it.
     void open(ReadFunction read, std::string name);
@@ -47,6 +73,13 @@ public:
     void stopOn(const volatile std::sig_atomic_t *flag) { stop_ = flag; }
     // What happened to a followed file: "truncated; reading it again from its start".
     void onNotice(std::function<void(const std::string &)> notice) { notice_ = std::move(notice); }
+    // A line the reader refused (longer than maxLineBytes) or where its
+    // compressed data broke off, with the kind of fault for counting and the
+    // reason; returns whether to read on. Without it such a line is still
+    // skipped, and counted in refused().
+    using Refuse = std::function<bool(long long line, const char *cause, std::string reason)>;
+    void onRefuse(Refuse refuse) { refuse_ = std::move(refuse); }
+    long long refused() const { return refused_; }
     // True when the input ended by the flag or the idle call, not at its end.
     bool stopped() const { return stopped_; }
     bool following() const { return follow_; }
@@ -56,8 +89,12 @@ public:
     long long lineNumber() const { return lineNumber_; }
     long long bytesConsumed() const { return consumed_; }
     long long totalBytes() const { return total_; }   // -1 when not known (a pipe)
+    // How far into the source the reader is, in the bytes totalBytes()
+    // counts: those of the compressed file, for a compressed one.
+    long long position() const { return compression_ == Compression::None ? consumed_ : rawBytes_; }
+    Compression compression() const { return compression_; }
     const std::string &name() const { return name_; }
-    int readError() const { return readError_; }
+    int readError() const { return readError_; }   // errno of a failed read, or 0
 
     // Byte access, for a binary stream: the unread bytes without taking them
     // (read once if none are buffered; empty at the end) ...
@@ -68,7 +105,14 @@ public:
     void backUp(std::size_t count);
 
 private:
+    void reset();
     bool fill();
+    long readSource(char *data, std::size_t size);
+    long readRaw(char *data, std::size_t size);
+    bool detect();
+    bool skipLongLine();
+    bool refuse(long long line, const char *cause, std::string reason);
+    bool waitForFile();
     bool waitForInput();
     bool waitForGrowth();
     bool idle();
@@ -77,6 +121,14 @@ private:
     void skipByteOrderMark(std::string_view &line);
     int fd_ = -1;
     bool ownFd_ = false;
+    Compression compression_ = Compression::None;
+    bool detected_ = false;
+    std::unique_ptr<Decompressor> inflating_;
+    long long rawBytes_ = 0;        // bytes read from the source itself
+    Refuse refuse_;
+    long long refused_ = 0;
+    bool waitingForFile_ = false;   // a followed file that is not there yet
+    bool goneReported_ = false;     // a followed file that disappeared, told once
     ReadFunction read_;
     bool eof_ = false;
     bool live_ = false;      // a pipe, a terminal or a followed file

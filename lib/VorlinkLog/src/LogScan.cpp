@@ -8,6 +8,16 @@
 
 namespace vorlink {
 
+LogScan::LogScan(const Selection &selection, bool strict) : selection_(selection), strict_(strict)
+{
+    // A line too long to hold, or compressed data that broke off.
+    input_.onRefuse([this](long long line, const char *cause, std::string reason) {
+        rejects_.report(line, cause, std::move(reason));
+        stopped_ = strict_;
+        return !stopped_;
+    });
+}
+
 bool LogScan::reject(const char *cause, std::string reason)
 {
     rejects_.report(input_.lineNumber(), cause, std::move(reason));
@@ -28,7 +38,7 @@ bool LogScan::next()
     std::string_view line;
     while (!stopped_ && input_.next(line)) {
         if (progress_ && (input_.lineNumber() & 0x3FF) == 0)
-            progress_(input_.bytesConsumed(), input_.lineNumber());
+            progress_(input_.position(), input_.lineNumber());
         const LineResult result = parseBusLogLine(line, entry_);
         if (result.kind == LineResult::Skip)
             continue;

@@ -26,9 +26,11 @@ struct RowInfo;
 class LogScan
 {
 public:
-    LogScan(const Selection &selection, bool strict) : selection_(selection), strict_(strict) {}
+    LogScan(const Selection &selection, bool strict);
 
     // FILE, or standard input for "-"; a FILE followed as it grows with `follow`.
+    // Opened again, the scan goes on into the next input: its counts and
+    // rejects add up, its line numbers start again.
     bool open(const std::string &path, std::string &error, bool follow = false)
     {
         return input_.open(path, error, follow);
@@ -60,6 +62,7 @@ public:
     Rejects &rejects() { return rejects_; }
     const Rejects &rejects() const { return rejects_; }
     bool strict() const { return strict_; }
+    bool stopped() const { return stopped_; }   // at a rejected line, --strict
 
 private:
     const Selection &selection_;

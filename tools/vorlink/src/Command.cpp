@@ -5,10 +5,14 @@
 #include <QLoggingCategory>
 #include <QString>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <limits>
+
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace vorlink {
 namespace {
@@ -107,10 +111,16 @@ void addFollowFlag(CLI::App &command, bool &follow)
         ->disable_flag_override();
 }
 
+namespace {
+
+const char *const followStdin = "--follow reads a FILE by name; standard input is read as it comes anyway";
+
+} // namespace
+
 bool openInput(LineReader &input, const std::string &path, bool follow, std::string &error)
 {
     if (follow && path == "-") {
-        error = "--follow reads a FILE by name; standard input is read as it comes anyway";
+        error = followStdin;
         return false;
     }
     return input.open(path, error, follow);
@@ -154,16 +164,113 @@ void watchInput(LineReader &input, Rejects &rejects, Writer *out, Progress &prog
         progress.disable();
 }
 
-ScanView::ScanView(LogScan &scan, const RunFlags &flags, Writer *out)
-    : scan_(scan), progress_(!flags.noProgress, scan.input().totalBytes())
+bool checkInputs(std::vector<std::string> &paths, bool follow, std::string &error)
 {
-    watchInput(scan.input(), scan.rejects(), out, progress_);
-    scan.onProgress([this](long long bytes, long long lines) { progress_.show(bytes, lines); });
+    if (paths.empty())
+        paths.emplace_back("-");
+    if (follow && paths.size() > 1) {
+        error = "--follow reads one FILE";
+        return false;
+    }
+    if (follow && paths.front() == "-") {
+        error = followStdin;
+        return false;
+    }
+    if (std::count(paths.begin(), paths.end(), "-") > 1) {
+        error = "standard input ('-') can be read once";
+        return false;
+    }
+    for (const std::string &path : paths) {
+        struct stat st;
+        if (path == "-" || (follow && ::stat(path.c_str(), &st) != 0 && errno == ENOENT))
+            continue;
+        if (::stat(path.c_str(), &st) != 0 || ::access(path.c_str(), R_OK) != 0) {
+            error = path + ": " + std::strerror(errno);
+            return false;
+        }
+        if (S_ISDIR(st.st_mode)) {
+            error = path + ": is a directory";
+            return false;
+        }
+    }
+    return true;
 }
 
-int ScanView::finish(const CLI::App &command, Writer &out)
+namespace {
+
+long long totalSize(const std::vector<std::string> &paths)
 {
-    return finishRun(command, scan_.input(), scan_.rejects(), progress_, out, scan_.strict());
+    long long total = 0;
+    for (const std::string &path : paths) {
+        struct stat st;
+        if (path == "-" || ::stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode))
+            return -1;
+        total += st.st_size;
+    }
+    return total;
+}
+
+} // namespace
+
+ScanView::ScanView(const CLI::App &command, LogScan &scan, const RunFlags &flags, std::vector<std::string> paths,
+                   Writer *out)
+    : command_(command), scan_(scan), flags_(flags), paths_(std::move(paths)), out_(out),
+      progress_(!flags.noProgress, flags.follow ? -1 : totalSize(paths_))
+{
+    watchInput(scan.input(), scan.rejects(), out, progress_);
+    scan.onProgress([this](long long bytes, long long lines) { progress_.show(done_ + bytes, lines); });
+}
+
+void ScanView::endInput()
+{
+    if (!open_)
+        return;
+    open_ = false;
+    const LineReader &input = scan_.input();
+    done_ += input.position();
+    if (input.readError() != 0) {
+        progress_.clear();
+        if (out_ != nullptr)
+            out_->flush();
+        std::fprintf(stderr, "vorlink %s: %s: %s\n", command_.get_name().c_str(), input.name().c_str(),
+                     std::strerror(input.readError()));
+        failed_ = true;
+    }
+    if (inputEnd_)
+        inputEnd_(input);
+}
+
+bool ScanView::next()
+{
+    while (!(open_ && scan_.next()))
+        if (!nextInput())
+            return false;
+    return true;
+}
+
+bool ScanView::nextInput()
+{
+    endInput();
+    while (next_ < paths_.size() && stopSignal() == 0 && !scan_.stopped() && (out_ == nullptr || !out_->failed())) {
+        std::string error;
+        if (openInput(scan_.input(), paths_[next_++], flags_.follow, error)) {
+            open_ = true;
+            if (scan_.input().following())
+                progress_.disable();
+            return true;
+        }
+        progress_.clear();
+        std::fprintf(stderr, "vorlink %s: %s\n", command_.get_name().c_str(), error.c_str());
+        failed_ = true;
+    }
+    return false;
+}
+
+int ScanView::finish(Writer &out)
+{
+    endInput();
+    const int status = summarize(command_, scan_.rejects(), progress_, out, scan_.strict());
+    return failed_ && status == exitOk ? exitRejected : status;
 }
 
 namespace {
@@ -254,14 +361,21 @@ int finishOutput(const CLI::App &command, Writer &out)
 int finishRun(const CLI::App &command, const LineReader &input, const Rejects &rejects, Progress &progress,
               Writer &out, bool strict)
 {
-    progress.clear();
-    const int written = finishOutput(command, out);
-    const std::string name = "vorlink " + command.get_name();
     if (input.readError() != 0) {
-        std::fprintf(stderr, "%s: %s: %s\n", name.c_str(), input.name().c_str(), std::strerror(input.readError()));
+        progress.clear();
+        finishOutput(command, out);
+        std::fprintf(stderr, "vorlink %s: %s: %s\n", command.get_name().c_str(), input.name().c_str(),
+                     std::strerror(input.readError()));
         return exitRejected;
     }
-    int status = written;
+    return summarize(command, rejects, progress, out, strict);
+}
+
+int summarize(const CLI::App &command, const Rejects &rejects, Progress &progress, Writer &out, bool strict)
+{
+    progress.clear();
+    const std::string name = "vorlink " + command.get_name();
+    int status = finishOutput(command, out);
     if (rejects.count() > 0) {
         std::fprintf(stderr, "%s: %lld %s rejected%s\n", name.c_str(), rejects.count(), rejects.unit(),
                      strict ? ", stopped (--strict)" : "");

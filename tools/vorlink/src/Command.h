@@ -83,18 +83,43 @@ void addSelectionOptions(CLI::App &command, SelectionOptions &options);
 // Reads what the options hold into `selection`; on misuse, false and the reason.
 bool resolveSelection(const SelectionOptions &options, Selection &selection, std::string &error);
 
-// A scan of a log as the terminal shows it: the progress bar, and each
-// rejected line on standard error.
+// The FILE... of a reading command, standard input when none is given:
+// misuse when one names no file (a missing FILE is waited for with `follow`)
+// or a directory, when "-" is given twice, or when `follow` is asked of more
+// than one.
+bool checkInputs(std::vector<std::string> &paths, bool follow, std::string &error);
+
+// A scan of logs, read in turn, as the terminal shows it: one progress bar
+// over all of them, and each rejected line on standard error with the name of
+// its file and its line number there.
 class ScanView
 {
 public:
     // `out`, when given, is written out as the scan goes (see watchInput).
-    ScanView(LogScan &scan, const RunFlags &flags, Writer *out = nullptr);
+    ScanView(const CLI::App &command, LogScan &scan, const RunFlags &flags, std::vector<std::string> paths,
+             Writer *out = nullptr);
+    // The scan's next message, from the next input at the end of one: false
+    // once all were read, or when the run stops early (a signal, --strict,
+    // the output gone). An input that cannot be read is reported, and the run
+    // goes on to the next.
+    bool next();
+    // Called as each input ends, before the next is opened.
+    void onInputEnd(std::function<void(const LineReader &)> end) { inputEnd_ = std::move(end); }
     // Closes the run: flushes the output and sums up what was rejected.
-    int finish(const CLI::App &command, Writer &out);
+    int finish(Writer &out);
 
 private:
+    bool nextInput();
+    void endInput();
+    std::function<void(const LineReader &)> inputEnd_;
+    const CLI::App &command_;
     LogScan &scan_;
+    RunFlags flags_;
+    std::vector<std::string> paths_;
+    Writer *out_;
+    std::size_t next_ = 0;
+    bool open_ = false, failed_ = false;
+    long long done_ = 0;   // bytes of the inputs already read, for the progress bar
     Progress progress_;
 };
 
@@ -139,5 +164,8 @@ int finishOutput(const CLI::App &command, Writer &out);
 // rejected, and how the run was stopped if a signal stopped it.
 int finishRun(const CLI::App &command, const LineReader &input, const Rejects &rejects, Progress &progress,
               Writer &out, bool strict);
+// The same without the input's read error: the output flushed, the rejected
+// lines summed up, and the signal that stopped the run.
+int summarize(const CLI::App &command, const Rejects &rejects, Progress &progress, Writer &out, bool strict);
 
 } // namespace vorlink

@@ -25,7 +25,7 @@ enum class Format { Dump, Json, Text, Binary, Csv };
 
 struct DecodeOptions
 {
-    std::string input = "-";
+    std::vector<std::string> inputs;
     std::string formatName = "dump";
     Format format = Format::Dump;
     RunFlags flags;
@@ -161,11 +161,11 @@ int runDecode(const CLI::App &command, DecodeOptions &options)
         csvRow = rows.front();
     }
     setVerbose(options.flags.verbose);
-    LogScan scan(options.selection, options.flags.strict);
-    if (!openInput(scan.input(), options.input, options.flags.follow, error))
+    if (!checkInputs(options.inputs, options.flags.follow, error))
         return misuse(command, error);
+    LogScan scan(options.selection, options.flags.strict);
     Writer out;
-    ScanView view(scan, options.flags, &out);
+    ScanView view(command, scan, options.flags, options.inputs, &out);
 
     google::protobuf::TextFormat::Printer textPrinter;
     std::vector<std::unique_ptr<Message>> parsed(Dictionary::instance().rows().size());
@@ -174,7 +174,7 @@ int runDecode(const CLI::App &command, DecodeOptions &options)
     if (csvRow != nullptr)
         appendCsvHeader(*csvRow, out.buffer());
 
-    while (!out.failed() && scan.next()) {
+    while (!out.failed() && view.next()) {
         const RowInfo &row = scan.row();
         const QByteArray &proto = scan.proto();
         if (options.format == Format::Binary) {
@@ -219,7 +219,7 @@ int runDecode(const CLI::App &command, DecodeOptions &options)
         out.append(text);
         out.append('\n');
     }
-    return view.finish(command, out);
+    return view.finish(out);
 }
 
 } // namespace
@@ -229,7 +229,8 @@ Command addDecodeCommand(CLI::App &parent)
     auto options = std::make_shared<DecodeOptions>();
     CLI::App *command = parent.add_subcommand("decode", "convert a bus log into dump lines, JSON Lines, protobuf "
                                                         "text, a binary stream or CSV");
-    command->add_option("FILE", options->input, "the bus log; standard input when '-' or missing")
+    command->add_option("FILE", options->inputs, "the bus logs, read in turn, plain or compressed (gzip, xz, zstd); "
+                                                 "standard input when '-' or missing")
         ->type_name("");
     command->add_option("--format", options->formatName, "dump (default), json, text, binary or csv")
         ->type_name("FORMAT");

@@ -318,6 +318,10 @@ int runEncode(const CLI::App &command, EncodeOptions &options)
     Rejects rejects;
     watchInput(input, rejects, &out, progress);
     const bool strict = options.flags.strict;
+    input.onRefuse([&rejects, strict](long long line, const char *cause, std::string reason) {
+        rejects.report(line, cause, std::move(reason));
+        return !strict;
+    });
     std::unique_ptr<Message> envelope(
         google::protobuf::MessageFactory::generated_factory()->GetPrototype(&envelopeType())->New());
     BusLogEntry entry;

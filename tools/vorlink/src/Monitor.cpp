@@ -33,7 +33,7 @@ namespace {
 
 struct MonitorOptions
 {
-    std::string input = "-";
+    std::vector<std::string> inputs;
     bool follow = false;
     std::string sortName = "id";
     SortBy sort = SortBy::Id;
@@ -245,17 +245,20 @@ int runMonitor(const CLI::App &command, MonitorOptions &options)
         return misuse(command, "the live table needs a terminal, and standard output is not one; to read a log "
                                "into a file or a pipe, use 'vorlink decode' (each message) or 'vorlink stats' "
                                "(counts by type)");
-    if (options.input == "-" && ::isatty(STDIN_FILENO) == 1)
+    if (!checkInputs(options.inputs, options.follow, error))
+        return misuse(command, error);
+    const bool fromStdin = std::count(options.inputs.begin(), options.inputs.end(), "-") > 0;
+    if (fromStdin && ::isatty(STDIN_FILENO) == 1)
         return misuse(command, "the log would come from standard input, which is the terminal: give a FILE, or "
                                "pipe the log in (tail -f bus.log | vorlink monitor)");
     // The keys come from the terminal, also when the log comes through a pipe.
-    FILE *keyboard = options.input != "-" && ::isatty(STDIN_FILENO) == 1 ? stdin : std::fopen("/dev/tty", "r");
+    FILE *keyboard = !fromStdin && ::isatty(STDIN_FILENO) == 1 ? stdin : std::fopen("/dev/tty", "r");
     if (keyboard == nullptr)
         return misuse(command, "no terminal to read keys from (/dev/tty)");
     setVerbose(false);
     LogScan scan(options.selection, false);
     scan.setConvert(false);   // the monitor shows the wire fields; the checks stay
-    if (!openInput(scan.input(), options.input, options.follow, error)) {
+    if (!openInput(scan.input(), options.inputs.front(), options.follow, error)) {
         if (keyboard != stdin)
             std::fclose(keyboard);
         return misuse(command, error);
@@ -264,6 +267,7 @@ int runMonitor(const CLI::App &command, MonitorOptions &options)
     catchStopSignals();   // before the terminal is set up, so that curses leaves them to us
     MonitorModel model;
     MonitorView view(scan, model, options.sort);
+    std::string failure;   // the last input that could not be read
     {
         Screen screen(keyboard);
         if (!screen.ok()) {
@@ -276,8 +280,17 @@ int runMonitor(const CLI::App &command, MonitorOptions &options)
         input.onIdle([&view] { return view.tick(steadyMs()); });
         input.onNotice([&view](const std::string &note) { view.note(note); });
         scan.onProgress([&view](long long, long long) { view.tick(steadyMs()); });
-        while (!view.quitting() && scan.next())
-            model.add(scan.row(), scan.entry(), scan.lineNumber(), steadyMs());
+        // The inputs in turn, into one table.
+        for (std::size_t k = 0;; ++k) {
+            while (!view.quitting() && scan.next())
+                model.add(scan.row(), scan.entry(), scan.lineNumber(), steadyMs());
+            if (input.readError() != 0)
+                failure = input.name() + ": " + std::strerror(input.readError());
+            if (view.quitting() || input.stopped() || k + 1 == options.inputs.size())
+                break;
+            if (!openInput(input, options.inputs[k + 1], false, error))
+                failure = error;
+        }
         if (!input.stopped())
             model.end();
         // The input is over; the table stays until the user quits.
@@ -289,9 +302,8 @@ int runMonitor(const CLI::App &command, MonitorOptions &options)
     }
     if (const int signal = stopSignal())
         return 128 + signal;
-    if (scan.input().readError() != 0) {
-        std::fprintf(stderr, "vorlink monitor: %s: %s\n", scan.input().name().c_str(),
-                     std::strerror(scan.input().readError()));
+    if (!failure.empty()) {
+        std::fprintf(stderr, "vorlink monitor: %s\n", failure.c_str());
         return exitRejected;
     }
     // As decode ends: 1 after rejected lines, with their count.
@@ -310,7 +322,9 @@ Command addMonitorCommand(CLI::App &parent)
     auto options = std::make_shared<MonitorOptions>();
     CLI::App *command = parent.add_subcommand("monitor", "a live table of a bus log on the terminal: the latest "
                                                          "values of every message type");
-    command->add_option("FILE", options->input, "the bus log; standard input when '-' or missing")->type_name("");
+    command->add_option("FILE", options->inputs, "the bus logs, read in turn into one table, plain or compressed; "
+                                                 "standard input when '-' or missing")
+        ->type_name("");
     command->add_option("--sort", options->sortName, "id (default), name, count (most first) or recency (latest first)")
         ->type_name("KEY");
     addSelectionOptions(*command, options->select);

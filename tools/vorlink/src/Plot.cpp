@@ -102,8 +102,8 @@ bool addSeries(const std::string &text, std::vector<Wanted> &wanted, std::string
     return true;
 }
 
-// The first argument is the log when it is '-', names a file, or has a '/';
-// otherwise every argument is a SERIES and the log is standard input.
+// The leading arguments are logs while each is '-', names a file, or has a
+// '/'; the rest are SERIES, and without a log it is standard input.
 bool isLog(const std::string &arg)
 {
     struct stat info;
@@ -132,10 +132,10 @@ int runPlot(const CLI::App &command, PlotOptions &options)
     std::string error;
     if (!resolveSelection(options.select, options.selection, error))
         return misuse(command, error);
-    std::string input = "-";
+    std::vector<std::string> inputs;
     auto series = options.args.begin();
-    if (series != options.args.end() && isLog(*series))
-        input = *series++;
+    for (; series != options.args.end() && isLog(*series); ++series)
+        inputs.push_back(*series);
     if (series == options.args.end())
         return misuse(command, "no SERIES: name a message (DdTemperatureData) or one of its fields "
                                "(DdTemperatureData.d1Temp)");
@@ -163,12 +163,15 @@ int runPlot(const CLI::App &command, PlotOptions &options)
     options.selection.keepOnly(ids);
 
     setVerbose(options.flags.verbose);
-    LogScan scan(options.selection, options.flags.strict);
-    if (!scan.open(input, error))
+    if (!checkInputs(inputs, false, error))
         return misuse(command, error);
-    ScanView view(scan, options.flags);
+    std::string title;
+    for (const std::string &input : inputs)
+        title += (title.empty() ? "" : ", ") + (input == "-" ? std::string("standard input") : input);
+    LogScan scan(options.selection, options.flags.strict);
+    ScanView view(command, scan, options.flags, inputs);
     std::vector<double> values;
-    while (scan.next()) {
+    while (view.next()) {
         const int c = chartOf[scan.entry().msgId];
         if (c < 0)
             continue;
@@ -192,8 +195,8 @@ int runPlot(const CLI::App &command, PlotOptions &options)
     int status;
     {
         Writer out(fd);
-        out.append(plotPage(input == "-" ? "standard input" : input, charts));
-        status = view.finish(command, out);
+        out.append(plotPage(title, charts));
+        status = view.finish(out);
     }
     if (fd != 1 && ::close(fd) != 0 && status == exitOk) {
         std::fprintf(stderr, "vorlink plot: %s: %s\n", options.output.c_str(), std::strerror(errno));
@@ -210,8 +213,8 @@ Command addPlotCommand(CLI::App &parent)
     CLI::App *command = parent.add_subcommand("plot", "draw fields of a bus log over time into a self-contained "
                                                       "HTML page (zoom, pan, values under the cursor)");
     command->add_option("FILE|SERIES", options->args,
-                        "[FILE|-] SERIES...: the bus log (standard input when '-' or left out), then what to "
-                        "draw: Message.field, or a Message for all of its fields")
+                        "[FILE|-]... SERIES...: the bus logs, read in turn, plain or compressed (standard input "
+                        "when '-' or left out), then what to draw: Message.field, or a Message for all of its fields")
         ->type_name("")
         ->required();
     command->add_option("-o,--output", options->output, "the page to write; '-' for standard output")

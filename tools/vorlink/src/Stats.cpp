@@ -12,7 +12,9 @@
 #include <QJsonObject>
 
 #include <algorithm>
+#include <bitset>
 #include <cstdio>
+#include <map>
 #include <vector>
 
 namespace vorlink {
@@ -20,7 +22,7 @@ namespace {
 
 struct StatsOptions
 {
-    std::string input = "-";
+    std::vector<std::string> inputs;
     std::string formatName = "text";
     bool json = false;
     RunFlags flags;
@@ -69,8 +71,33 @@ void writeText(const std::vector<const RowInfo *> &rows, const std::vector<Messa
     }
 }
 
+// What one input of several held, for the per-file part of --format json.
+struct FileTally
+{
+    std::string name;
+    long long messages = 0, leftOut = 0, rejected = 0;
+    std::map<std::string, long long> rejectedByCause;
+    std::bitset<65536> types;
+    qint64 first = 0, last = 0;
+};
+
+QJsonObject fileJson(const FileTally &file)
+{
+    QJsonObject rejected;
+    for (const auto &[cause, count] : file.rejectedByCause)
+        rejected.insert(QString::fromStdString(cause), count);
+    return {{"file", QString::fromStdString(file.name)},
+            {"messages", file.messages},
+            {"types", int(file.types.count())},
+            {"leftOut", file.leftOut},
+            {"rejected", file.rejected},
+            {"rejectedByCause", rejected},
+            {"first", file.messages > 0 ? QJsonValue(QString::fromStdString(isoTime(file.first))) : QJsonValue()},
+            {"last", file.messages > 0 ? QJsonValue(QString::fromStdString(isoTime(file.last))) : QJsonValue()}};
+}
+
 void writeJson(const std::vector<const RowInfo *> &rows, const std::vector<MessageTally> &seen, const LogScan &scan,
-               Writer &out)
+               const std::vector<FileTally> &files, Writer &out)
 {
     QJsonArray messages;
     for (const RowInfo *row : rows) {
@@ -94,7 +121,13 @@ void writeJson(const std::vector<const RowInfo *> &rows, const std::vector<Messa
                              {"types", int(rows.size())},
                              {"leftOut", scan.leftOut()},
                              {"rejected", scan.rejects().count()}};
-    const QJsonObject document{{"messages", messages}, {"totals", totals}, {"rejectedByCause", rejected}};
+    QJsonObject document{{"messages", messages}, {"totals", totals}, {"rejectedByCause", rejected}};
+    if (files.size() > 1) {
+        QJsonArray perFile;
+        for (const FileTally &file : files)
+            perFile.append(fileJson(file));
+        document.insert("files", perFile);
+    }
     const QByteArray text = QJsonDocument(document).toJson(QJsonDocument::Indented);
     out.append(text.constData(), std::size_t(text.size()));
 }
@@ -107,15 +140,40 @@ int runStats(const CLI::App &command, StatsOptions &options)
     if (!resolveSelection(options.select, options.selection, error))
         return misuse(command, error);
     setVerbose(options.flags.verbose);
-    LogScan scan(options.selection, options.flags.strict);
-    if (!openInput(scan.input(), options.input, options.flags.follow, error))
+    if (!checkInputs(options.inputs, options.flags.follow, error))
         return misuse(command, error);
-    ScanView view(scan, options.flags);
+    LogScan scan(options.selection, options.flags.strict);
+    ScanView view(command, scan, options.flags, options.inputs);
+
+    // Each input's share: what the scan's counts grew by while it was read.
+    std::vector<FileTally> files;
+    FileTally file, before;
+    std::map<std::string, long long> causesBefore;
+    view.onInputEnd([&](const LineReader &input) {
+        file.name = input.name();
+        file.messages = scan.messages() - before.messages;
+        file.leftOut = scan.leftOut() - before.leftOut;
+        file.rejected = scan.rejects().count() - before.rejected;
+        for (const auto &[cause, count] : scan.rejects().byCause())
+            if (count > causesBefore[cause])
+                file.rejectedByCause[cause] = count - causesBefore[cause];
+        files.push_back(std::move(file));
+        file = FileTally();
+        before.messages = scan.messages();
+        before.leftOut = scan.leftOut();
+        before.rejected = scan.rejects().count();
+        for (const auto &[cause, count] : scan.rejects().byCause())
+            causesBefore[cause] = count;
+    });
 
     std::vector<MessageTally> seen(65536);
-    while (scan.next()) {
+    while (view.next()) {
         const BusLogEntry &entry = scan.entry();
         seen[entry.msgId].add(entry, scan.row().wireSize);
+        if (file.types.none())
+            file.first = entry.msecs;
+        file.last = entry.msecs;
+        file.types.set(entry.msgId);
     }
     std::vector<const RowInfo *> rows;
     for (const RowInfo &row : Dictionary::instance().rows())
@@ -124,10 +182,10 @@ int runStats(const CLI::App &command, StatsOptions &options)
 
     Writer out;
     if (options.json)
-        writeJson(rows, seen, scan, out);
+        writeJson(rows, seen, scan, files, out);
     else
         writeText(rows, seen, scan, (long long)rows.size(), out);
-    return view.finish(command, out);
+    return view.finish(out);
 }
 
 } // namespace
@@ -137,7 +195,8 @@ Command addStatsCommand(CLI::App &parent)
     auto options = std::make_shared<StatsOptions>();
     CLI::App *command = parent.add_subcommand("stats", "count the messages of a bus log: how many, when, how "
                                                        "often; and the rejected lines by cause");
-    command->add_option("FILE", options->input, "the bus log; standard input when '-' or missing")
+    command->add_option("FILE", options->inputs, "the bus logs, read in turn, plain or compressed (gzip, xz, zstd); "
+                                                 "standard input when '-' or missing")
         ->type_name("");
     command->add_option("--format", options->formatName, "text (default) or json")->type_name("FORMAT");
     addSelectionOptions(*command, options->select);

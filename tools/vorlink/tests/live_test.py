@@ -241,6 +241,34 @@ class Follow(unittest.TestCase):
                 f"{log}:1: time 'bad' is not seconds since 1970 (0 to 253402300799.999, up to 9 decimals)",
                 "vorlink decode: 1 line rejected", "vorlink decode: stopped by SIGINT"])
 
+    def test_a_missing_file_is_waited_for_and_one_that_disappears_told_once(self):
+        with tempfile.TemporaryDirectory() as tmp:
+            log = os.path.join(tmp, "bus.log")
+            p = subprocess.Popen([TOOL, "decode", "--follow", log], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                 env=ENV)
+            self.addCleanup(p.kill)
+            out, err = Reader(p.stdout), Reader(p.stderr)
+            count = lambda: len(out.data().splitlines())
+            self.assertTrue(wait_for(lambda: b"waiting" in err.data(), 5))
+            with open(log, "w") as f:
+                f.write(alarm(1))
+            self.assertTrue(wait_for(lambda: count() == 1, 5))
+            os.remove(log)
+            time.sleep(0.3)   # looked at many times over
+            with open(log, "w") as f:
+                f.write(alarm(2))
+            self.assertTrue(wait_for(lambda: count() == 2, 5))
+            p.send_signal(signal.SIGINT)
+            p.wait(timeout=30)
+            out.join(10), err.join(10)
+            p.stdout.close(), p.stderr.close()
+            self.assertEqual(err.data().decode().splitlines(), [
+                f"vorlink: {log}: No such file or directory; waiting for it to appear",
+                f"vorlink: {log}: appeared; reading it",
+                f"vorlink: {log}: disappeared; waiting for it to appear again",
+                f"vorlink: {log}: replaced; reading the new file from its start",
+                "vorlink decode: stopped by SIGINT"])
+
     def test_misuse(self):
         for args, words in ((["decode", "--follow", "-"], "--follow reads a FILE"),
                             (["monitor", "/dev/null"], "use 'vorlink decode'"),
