@@ -55,6 +55,8 @@ struct RunFlags
 void addRunFlags(CLI::App &command, RunFlags &flags);
 // --follow (-f): a FILE is read on as it grows, through truncation and rotation.
 void addFollowFlag(CLI::App &command, bool &follow);
+// --jobs N (-j N): a regular FILE converted on N threads (see Pieces.h).
+void addJobsOption(CLI::App &command, int &jobs);
 // Opens the input of a run: FILE, followed with `follow`, or standard input
 // for "-". On misuse, false and the reason.
 bool openInput(LineReader &input, const std::string &path, bool follow, std::string &error);
@@ -91,6 +93,8 @@ public:
     ScanView(LogScan &scan, const RunFlags &flags, Writer *out = nullptr);
     // Closes the run: flushes the output and sums up what was rejected.
     int finish(const CLI::App &command, Writer &out);
+    // For a run that reads the input itself rather than through the scan.
+    Progress &progress() { return progress_; }
 
 private:
     LogScan &scan_;

@@ -5,6 +5,7 @@
 #include "Dictionary.h"
 #include "LogScan.h"
 #include "LogTables.h"
+#include "Pieces.h"
 #include "Selection.h"
 
 #include <QJsonArray>
@@ -24,9 +25,71 @@ struct StatsOptions
     std::string formatName = "text";
     bool json = false;
     RunFlags flags;
+    int jobs = 1;
     SelectionOptions select;
     Selection selection;
 };
+
+// What a run counted, by row index of the dictionary.
+struct Tallies
+{
+    std::vector<MessageTally> rows = std::vector<MessageTally>(Dictionary::instance().rows().size());
+    long long messages = 0;
+    long long leftOut = 0;
+
+    void add(const LogScan &scan)
+    {
+        const std::size_t index = std::size_t(&scan.row() - Dictionary::instance().rows().data());
+        rows[index].add(scan.entry(), scan.row().wireSize);
+    }
+    // Those of the input that follows.
+    void append(const Tallies &later)
+    {
+        for (std::size_t k = 0; k < rows.size(); ++k) {
+            MessageTally &s = rows[k];
+            const MessageTally &t = later.rows[k];
+            if (t.count == 0)
+                continue;
+            if (s.count == 0)
+                s.first = t.first;
+            s.count += t.count;
+            s.last = t.last;
+            s.bytes += t.bytes;
+            s.unread += t.unread;
+        }
+        messages += later.messages;
+        leftOut += later.leftOut;
+    }
+};
+
+struct StatsPiece
+{
+    PieceOutput output;
+    Tallies tallies;
+};
+
+// The pieces of a regular file counted on `jobs` threads and summed in input order.
+void countPieces(LogScan &scan, const StatsOptions &options, int jobs, Tallies &tallies, Progress &progress)
+{
+    PieceReader reader(scan.input(), pieceSize(scan.input().totalBytes(), jobs));
+    const std::string &name = scan.input().name();
+    const std::function<void(const Piece &, StatsPiece &)> count = [&](const Piece &piece, StatsPiece &result) {
+        LogScan part(options.selection, options.flags.strict);
+        openPiece(part, piece, name, result.output);
+        while (part.next())
+            result.tallies.add(part);
+        result.tallies.messages = part.messages();
+        result.tallies.leftOut = part.leftOut();
+        result.output.stopped = part.strict() && part.rejects().count() > 0;
+    };
+    const std::function<bool(StatsPiece &)> take = [&](StatsPiece &result) {
+        for (const PieceOutput::Reject &reject : result.output.rejects)
+            scan.rejects().report(reject.rejected.line, reject.rejected.cause, reject.rejected.reason);
+        tallies.append(result.tallies);
+        return !result.output.stopped;
+    };
+    runPieces(reader, jobs, count, take, [&] { progress.show(scan.input().bytesConsumed(), reader.lines()); });
+}
 
 std::string isoTime(qint64 msecs)
 {
@@ -35,8 +98,7 @@ std::string isoTime(qint64 msecs)
     return text;
 }
 
-void writeText(const std::vector<const RowInfo *> &rows, const std::vector<MessageTally> &seen, const LogScan &scan,
-               long long types, Writer &out)
+void writeText(const std::vector<const RowInfo *> &rows, const Tallies &seen, const Rejects &rejects, Writer &out)
 {
     int width = 7;
     for (const RowInfo *row : rows)
@@ -46,7 +108,7 @@ void writeText(const std::vector<const RowInfo *> &rows, const std::vector<Messa
                   "count", "first", "last", "rate Hz", "bytes", "unread");
     out.append(line);
     for (const RowInfo *row : rows) {
-        const MessageTally &s = seen[row->id];
+        const MessageTally &s = seen.rows[std::size_t(row - Dictionary::instance().rows().data())];
         double rate = 0;
         char rateText[32] = "-";
         if (s.rateHz(rate))
@@ -56,11 +118,11 @@ void writeText(const std::vector<const RowInfo *> &rows, const std::vector<Messa
                       s.bytes, s.unread);
         out.append(line);
     }
-    const Rejects &rejects = scan.rejects();
+    const long long types = (long long)rows.size();
     std::snprintf(line, sizeof line, "\n%lld message%s of %lld type%s; %lld line%s left out by the selection; %lld "
                                      "line%s rejected\n",
-                  scan.messages(), scan.messages() == 1 ? "" : "s", types, types == 1 ? "" : "s", scan.leftOut(),
-                  scan.leftOut() == 1 ? "" : "s", rejects.count(), rejects.count() == 1 ? "" : "s");
+                  seen.messages, seen.messages == 1 ? "" : "s", types, types == 1 ? "" : "s", seen.leftOut,
+                  seen.leftOut == 1 ? "" : "s", rejects.count(), rejects.count() == 1 ? "" : "s");
     out.append(line);
     for (const auto &[cause, count] : rejects.byCause()) {
         std::snprintf(line, sizeof line, "  %-24s %9lld\n", cause.c_str(), count);
@@ -68,12 +130,11 @@ void writeText(const std::vector<const RowInfo *> &rows, const std::vector<Messa
     }
 }
 
-void writeJson(const std::vector<const RowInfo *> &rows, const std::vector<MessageTally> &seen, const LogScan &scan,
-               Writer &out)
+void writeJson(const std::vector<const RowInfo *> &rows, const Tallies &seen, const Rejects &rejects, Writer &out)
 {
     QJsonArray messages;
     for (const RowInfo *row : rows) {
-        const MessageTally &s = seen[row->id];
+        const MessageTally &s = seen.rows[std::size_t(row - Dictionary::instance().rows().data())];
         QJsonObject item{{"id", QString::fromStdString(hexId(row->id))},
                          {"msgId", row->id},
                          {"message", QString::fromStdString(row->message)},
@@ -87,12 +148,12 @@ void writeJson(const std::vector<const RowInfo *> &rows, const std::vector<Messa
         messages.append(item);
     }
     QJsonObject rejected;
-    for (const auto &[cause, count] : scan.rejects().byCause())
+    for (const auto &[cause, count] : rejects.byCause())
         rejected.insert(QString::fromStdString(cause), count);
-    const QJsonObject totals{{"messages", scan.messages()},
+    const QJsonObject totals{{"messages", seen.messages},
                              {"types", int(rows.size())},
-                             {"leftOut", scan.leftOut()},
-                             {"rejected", scan.rejects().count()}};
+                             {"leftOut", seen.leftOut},
+                             {"rejected", rejects.count()}};
     const QJsonObject document{{"messages", messages}, {"totals", totals}, {"rejectedByCause", rejected}};
     const QByteArray text = QJsonDocument(document).toJson(QJsonDocument::Indented);
     out.append(text.constData(), std::size_t(text.size()));
@@ -111,21 +172,26 @@ int runStats(const CLI::App &command, StatsOptions &options)
         return misuse(command, error);
     ScanView view(scan, options.flags);
 
-    std::vector<MessageTally> seen(65536);
-    while (scan.next()) {
-        const BusLogEntry &entry = scan.entry();
-        seen[entry.msgId].add(entry, scan.row().wireSize);
+    Tallies seen;
+    const int jobs = options.flags.verbose ? 1 : jobsFor(scan.input(), options.input, options.flags.follow, options.jobs);
+    if (jobs > 1) {
+        countPieces(scan, options, jobs, seen, view.progress());
+    } else {
+        while (scan.next())
+            seen.add(scan);
+        seen.messages = scan.messages();
+        seen.leftOut = scan.leftOut();
     }
     std::vector<const RowInfo *> rows;
-    for (const RowInfo &row : Dictionary::instance().rows())
-        if (seen[row.id].count > 0)
-            rows.push_back(&row);
+    for (std::size_t k = 0; k < seen.rows.size(); ++k)
+        if (seen.rows[k].count > 0)
+            rows.push_back(&Dictionary::instance().rows()[k]);
 
     Writer out;
     if (options.json)
-        writeJson(rows, seen, scan, out);
+        writeJson(rows, seen, scan.rejects(), out);
     else
-        writeText(rows, seen, scan, (long long)rows.size(), out);
+        writeText(rows, seen, scan.rejects(), out);
     return view.finish(command, out);
 }
 
@@ -142,6 +208,7 @@ Command addStatsCommand(CLI::App &parent)
     addSelectionOptions(*command, options->select);
     addRunFlags(*command, options->flags);
     addFollowFlag(*command, options->flags.follow);
+    addJobsOption(*command, options->jobs);
     command->footer(R"(One row per message type seen, in id order: id, name, count, the first and
 the last time (UTC), the mean rate in Hz over that span, the payload bytes in
 all, and how many of the messages carried bytes behind their record (unread).
