@@ -84,6 +84,11 @@ public:
     bool stopped() const { return stopped_; }
     bool following() const { return follow_; }
 
+    // The lines that follow are numbered from `lines` + 1: a piece of a file
+    // read on its own keeps the file's numbers, and its first line is not
+    // taken for the file's first.
+    void startAtLine(long long lines) { lineNumber_ = lines; }
+
     // The next line without its newline; false at the end of the input.
     bool next(std::string_view &line);
     long long lineNumber() const { return lineNumber_; }

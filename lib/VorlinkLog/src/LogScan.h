@@ -43,6 +43,7 @@ public:
     // Without conversion, next() checks the id and the payload's size as
     // the conversion would, and proto() stays empty.
     void setConvert(bool convert) { convert_ = convert; }
+    bool converts() const { return convert_; }
 
     // The next selected line that converts; false at the end of the input
     // (or at the first rejected line of a strict scan).

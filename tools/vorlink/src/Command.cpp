@@ -117,6 +117,15 @@ const char *const followStdin = "--follow reads a FILE by name; standard input i
 
 } // namespace
 
+void addJobsOption(CLI::App &command, int &jobs)
+{
+    command.add_option("-j,--jobs", jobs, "convert a regular FILE on N threads, in pieces of whole lines; the output "
+                                          "is the same as of one job. Standard input, --follow, --verbose and files "
+                                          "under 256 KiB take one job")
+        ->type_name("N")
+        ->check(CLI::Range(1, 256));
+}
+
 bool openInput(LineReader &input, const std::string &path, bool follow, std::string &error)
 {
     if (follow && path == "-") {

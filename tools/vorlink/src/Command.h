@@ -55,6 +55,8 @@ struct RunFlags
 void addRunFlags(CLI::App &command, RunFlags &flags);
 // --follow (-f): a FILE is read on as it grows, through truncation and rotation.
 void addFollowFlag(CLI::App &command, bool &follow);
+// --jobs N (-j N): a regular FILE converted on N threads (see Pieces.h).
+void addJobsOption(CLI::App &command, int &jobs);
 // Opens the input of a run: FILE, followed with `follow`, or standard input
 // for "-". On misuse, false and the reason.
 bool openInput(LineReader &input, const std::string &path, bool follow, std::string &error);
@@ -103,13 +105,17 @@ public:
     // the output gone). An input that cannot be read is reported, and the run
     // goes on to the next.
     bool next();
+    // Opens the next input, closing the one before: false once all were read
+    // or the run stops early. For a run that reads each input itself.
+    bool nextInput();
     // Called as each input ends, before the next is opened.
     void onInputEnd(std::function<void(const LineReader &)> end) { inputEnd_ = std::move(end); }
     // Closes the run: flushes the output and sums up what was rejected.
     int finish(Writer &out);
+    // For a run that reads an input itself rather than through the scan.
+    Progress &progress() { return progress_; }
 
 private:
-    bool nextInput();
     void endInput();
     std::function<void(const LineReader &)> inputEnd_;
     const CLI::App &command_;

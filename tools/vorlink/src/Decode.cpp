@@ -3,14 +3,16 @@
 
 #include "Command.h"
 #include "Dictionary.h"
+#include "DumpLine.h"
 #include "JsonCodec.h"
 #include "LogScan.h"
+#include "Pieces.h"
+#include "ProtoText.h"
 #include "Selection.h"
 
 #include <google/protobuf/descriptor.h>
-#include <google/protobuf/message.h>
-#include <google/protobuf/text_format.h>
 
+#include <charconv>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -19,7 +21,6 @@ namespace vorlink {
 namespace {
 
 using google::protobuf::FieldDescriptor;
-using google::protobuf::Message;
 
 enum class Format { Dump, Json, Text, Binary, Csv };
 
@@ -29,6 +30,7 @@ struct DecodeOptions
     std::string formatName = "dump";
     Format format = Format::Dump;
     RunFlags flags;
+    int jobs = 1;
     SelectionOptions select;
     Selection selection;
 };
@@ -122,23 +124,108 @@ bool appendCsvRow(const RowInfo &row, const BusLogEntry &entry, const QByteArray
     return true;
 }
 
+// " 0x0100 ": hexId() between blanks, without formatting a string.
+void appendHexId(unsigned id, std::string &out)
+{
+    static const char digits[] = "0123456789ABCDEF";
+    const char text[] = {' ', '0', 'x', digits[id >> 12 & 15], digits[id >> 8 & 15], digits[id >> 4 & 15], digits[id & 15], ' '};
+    out.append(text, sizeof text);
+}
+
 // The log time and the id, then the record's own dump line, then the bytes
 // of the payload that the record does not read, if any.
 void appendDumpLine(const RowInfo &row, const BusLogEntry &entry, std::string &out)
 {
     appendIsoTime(entry.msecs, entry.nanos, out);
-    out += ' ';
-    out += hexId(entry.msgId);
-    out += ' ';
-    setDumpTarget(&out);
-    row.dumpPayload(entry.payload);
-    setDumpTarget(nullptr);
+    appendHexId(entry.msgId, out);
+    vorlink::appendDumpLine(row, entry.payload.constData(), out);
     const int unread = entry.payload.size() - row.wireSize;
     if (unread > 0) {
         out += "  +" + std::to_string(unread) + (unread == 1 ? " byte" : " bytes") + " not read: ";
         appendHex(entry.payload.constData() + row.wireSize, unread, out);
     }
     out += '\n';
+}
+
+// Writes each converted message in the chosen format; one per thread.
+class Converter
+{
+public:
+    explicit Converter(Format format) : format_(format) {}
+
+    // Appends the scan's current message to `out`, or rejects it there.
+    void convert(LogScan &scan, std::string &out)
+    {
+        const RowInfo &row = scan.row();
+        const QByteArray &proto = scan.proto();
+        switch (format_) {
+        case Format::Binary:
+            appendVarint(out, std::uint32_t(proto.size()));
+            out.append(proto.constData(), std::size_t(proto.size()));
+            return;
+        case Format::Dump: appendDumpLine(row, scan.entry(), out); return;
+        case Format::Json:
+            if (!appendJsonMessage(row, proto.constData(), std::size_t(proto.size()), out, error_)) {
+                scan.reject("not converted", error_);
+                return;
+            }
+            out.push_back('\n');
+            return;
+        case Format::Csv:
+            if (!appendCsvRow(row, scan.entry(), proto, values_, out))
+                scan.reject("not converted", "the converted bytes of " + row.protoName + " do not read as CSV");
+            return;
+        case Format::Text: appendText(scan, out); return;
+        }
+    }
+
+private:
+    void appendText(LogScan &scan, std::string &out)
+    {
+        out += "# line ";
+        char number[24];
+        out.append(number, std::size_t(std::to_chars(number, number + sizeof number, scan.lineNumber()).ptr - number));
+        out += ": ";
+        out += scan.row().protoName;
+        out += '\n';
+        appendProtoText(scan.row(), scan.entry(), out);
+        out += '\n';
+    }
+
+    const Format format_;
+    std::string error_;
+    MessageValues values_;
+};
+
+// The pieces of a regular file on `jobs` threads, written in input order.
+void decodePieces(LogScan &scan, const DecodeOptions &options, int jobs, Writer &out,
+                  Progress &progress)
+{
+    PieceReader reader(scan.input(), pieceSize(scan.input().totalBytes(), jobs));
+    const std::string &name = scan.input().name();
+    const std::function<void(const Piece &, PieceOutput &)> convert = [&](const Piece &piece, PieceOutput &output) {
+        thread_local std::unique_ptr<Converter> converter;
+        if (!converter)
+            converter = std::make_unique<Converter>(options.format);
+        LogScan part(options.selection, options.flags.strict);
+        part.setConvert(scan.converts());
+        openPiece(part, piece, name, output);
+        while (part.next())
+            converter->convert(part, output.text);
+        output.stopped = part.strict() && part.rejects().count() > 0;
+    };
+    const std::function<bool(PieceOutput &)> take = [&](PieceOutput &output) {
+        std::size_t written = 0;
+        for (const PieceOutput::Reject &reject : output.rejects) {
+            out.append(output.text.data() + written, reject.at - written);
+            written = reject.at;
+            scan.rejects().report(reject.rejected.line, reject.rejected.cause, reject.rejected.reason);
+        }
+        out.append(output.text.data() + written, output.text.size() - written);
+        return !out.failed() && !output.stopped;
+    };
+    runPieces(reader, jobs, convert, take,
+              [&] { progress.show(scan.input().bytesConsumed(), reader.lines()); });
 }
 
 int runDecode(const CLI::App &command, DecodeOptions &options)
@@ -164,60 +251,34 @@ int runDecode(const CLI::App &command, DecodeOptions &options)
     if (!checkInputs(options.inputs, options.flags.follow, error))
         return misuse(command, error);
     LogScan scan(options.selection, options.flags.strict);
+    // Dump lines and text are written from the wire bytes: the library's
+    // conversion only checks what the scan checks without it, unless its own
+    // lines are wanted.
+    scan.setConvert(options.flags.verbose || (options.format != Format::Dump && options.format != Format::Text));
     Writer out;
     ScanView view(command, scan, options.flags, options.inputs, &out);
-
-    google::protobuf::TextFormat::Printer textPrinter;
-    std::vector<std::unique_ptr<Message>> parsed(Dictionary::instance().rows().size());
-    std::string text;
-    MessageValues values;
     if (csvRow != nullptr)
         appendCsvHeader(*csvRow, out.buffer());
 
-    while (!out.failed() && view.next()) {
-        const RowInfo &row = scan.row();
-        const QByteArray &proto = scan.proto();
-        if (options.format == Format::Binary) {
-            std::string &buffer = out.buffer();
-            appendVarint(buffer, std::uint32_t(proto.size()));
-            buffer.append(proto.constData(), std::size_t(proto.size()));
+    // The inputs in turn; a large plain regular file on --jobs threads. The
+    // library's own lines (--verbose) come in the order one job makes them.
+    Converter converter(options.format);
+    while (!out.failed() && view.nextInput()) {
+        LineReader &input = scan.input();
+        input.peek();   // the first bytes tell a compressed file, which takes one job
+        const int jobs = options.flags.verbose || input.compression() != Compression::None
+                             ? 1
+                             : jobsFor(input, input.name(), options.flags.follow, options.jobs);
+        if (jobs > 1) {
+            decodePieces(scan, options, jobs, out, view.progress());
+            if (options.flags.strict && scan.rejects().count() > 0)
+                break;
+            continue;
+        }
+        while (!out.failed() && scan.next()) {
+            converter.convert(scan, out.buffer());
             out.commit();
-            continue;
         }
-        if (options.format == Format::Dump) {
-            appendDumpLine(row, scan.entry(), out.buffer());
-            out.commit();
-            continue;
-        }
-        if (options.format == Format::Json) {
-            if (!appendJsonMessage(row, proto.constData(), std::size_t(proto.size()), out.buffer(), error)) {
-                scan.reject("not converted", error);
-                continue;
-            }
-            out.buffer().push_back('\n');
-            out.commit();
-            continue;
-        }
-        if (options.format == Format::Csv) {
-            if (!appendCsvRow(row, scan.entry(), proto, values, out.buffer()))
-                scan.reject("not converted", "the converted bytes of " + row.protoName + " do not read as CSV");
-            out.commit();
-            continue;
-        }
-        const std::size_t index = std::size_t(&row - Dictionary::instance().rows().data());
-        if (!parsed[index])
-            parsed[index].reset(row.prototype->New());
-        Message &schema = *parsed[index];
-        schema.Clear();
-        if (!schema.ParseFromArray(proto.constData(), proto.size())) {
-            scan.reject("not converted", "the converted bytes do not parse as " + row.protoName);
-            continue;
-        }
-        text.clear();
-        textPrinter.PrintToString(schema, &text);
-        out.append("# line " + std::to_string(scan.lineNumber()) + ": " + row.protoName + "\n");
-        out.append(text);
-        out.append('\n');
     }
     return view.finish(out);
 }
@@ -237,6 +298,7 @@ Command addDecodeCommand(CLI::App &parent)
     addSelectionOptions(*command, options->select);
     addRunFlags(*command, options->flags);
     addFollowFlag(*command, options->flags.follow);
+    addJobsOption(*command, options->jobs);
     command->footer(decodeFooter);
     return {command, [command, options] { return runDecode(*command, *options); }};
 }

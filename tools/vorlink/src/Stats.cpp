@@ -5,6 +5,7 @@
 #include "Dictionary.h"
 #include "LogScan.h"
 #include "LogTables.h"
+#include "Pieces.h"
 #include "Selection.h"
 
 #include <QJsonArray>
@@ -14,6 +15,7 @@
 #include <algorithm>
 #include <bitset>
 #include <cstdio>
+#include <functional>
 #include <map>
 #include <vector>
 
@@ -26,6 +28,7 @@ struct StatsOptions
     std::string formatName = "text";
     bool json = false;
     RunFlags flags;
+    int jobs = 1;
     SelectionOptions select;
     Selection selection;
 };
@@ -37,8 +40,43 @@ std::string isoTime(qint64 msecs, qint32 nanos)
     return text;
 }
 
-void writeText(const std::vector<const RowInfo *> &rows, const std::vector<MessageTally> &seen, const LogScan &scan,
-               long long types, Writer &out)
+// What a run counted, by row index of the dictionary.
+struct Tallies
+{
+    std::vector<MessageTally> rows = std::vector<MessageTally>(Dictionary::instance().rows().size());
+    long long messages = 0;
+    long long leftOut = 0;
+
+    MessageTally &of(const RowInfo &row) { return rows[std::size_t(&row - Dictionary::instance().rows().data())]; }
+    const MessageTally &of(const RowInfo &row) const
+    {
+        return rows[std::size_t(&row - Dictionary::instance().rows().data())];
+    }
+    // Those of the input that follows.
+    void append(const Tallies &later)
+    {
+        for (std::size_t k = 0; k < rows.size(); ++k) {
+            MessageTally &s = rows[k];
+            const MessageTally &t = later.rows[k];
+            if (t.count == 0)
+                continue;
+            if (s.count == 0) {
+                s.first = t.first;
+                s.firstNanos = t.firstNanos;
+            }
+            s.count += t.count;
+            s.last = t.last;
+            s.lastNanos = t.lastNanos;
+            s.bytes += t.bytes;
+            s.unread += t.unread;
+        }
+        messages += later.messages;
+        leftOut += later.leftOut;
+    }
+};
+
+void writeText(const std::vector<const RowInfo *> &rows, const Tallies &seen, const Rejects &rejects, long long types,
+               Writer &out)
 {
     int width = 7;
     for (const RowInfo *row : rows)
@@ -48,7 +86,7 @@ void writeText(const std::vector<const RowInfo *> &rows, const std::vector<Messa
                   "count", "first", "last", "rate Hz", "bytes", "unread");
     out.append(line);
     for (const RowInfo *row : rows) {
-        const MessageTally &s = seen[row->id];
+        const MessageTally &s = seen.of(*row);
         double rate = 0;
         char rateText[32] = "-";
         if (s.rateHz(rate))
@@ -59,11 +97,10 @@ void writeText(const std::vector<const RowInfo *> &rows, const std::vector<Messa
                       s.bytes, s.unread);
         out.append(line);
     }
-    const Rejects &rejects = scan.rejects();
     std::snprintf(line, sizeof line, "\n%lld message%s of %lld type%s; %lld line%s left out by the selection; %lld "
                                      "line%s rejected\n",
-                  scan.messages(), scan.messages() == 1 ? "" : "s", types, types == 1 ? "" : "s", scan.leftOut(),
-                  scan.leftOut() == 1 ? "" : "s", rejects.count(), rejects.count() == 1 ? "" : "s");
+                  seen.messages, seen.messages == 1 ? "" : "s", types, types == 1 ? "" : "s", seen.leftOut,
+                  seen.leftOut == 1 ? "" : "s", rejects.count(), rejects.count() == 1 ? "" : "s");
     out.append(line);
     for (const auto &[cause, count] : rejects.byCause()) {
         std::snprintf(line, sizeof line, "  %-24s %9lld\n", cause.c_str(), count);
@@ -96,12 +133,12 @@ QJsonObject fileJson(const FileTally &file)
             {"last", file.messages > 0 ? QJsonValue(QString::fromStdString(isoTime(file.last))) : QJsonValue()}};
 }
 
-void writeJson(const std::vector<const RowInfo *> &rows, const std::vector<MessageTally> &seen, const LogScan &scan,
+void writeJson(const std::vector<const RowInfo *> &rows, const Tallies &seen, const Rejects &rejects,
                const std::vector<FileTally> &files, Writer &out)
 {
     QJsonArray messages;
     for (const RowInfo *row : rows) {
-        const MessageTally &s = seen[row->id];
+        const MessageTally &s = seen.of(*row);
         QJsonObject item{{"id", QString::fromStdString(hexId(row->id))},
                          {"msgId", row->id},
                          {"message", QString::fromStdString(row->message)},
@@ -115,12 +152,12 @@ void writeJson(const std::vector<const RowInfo *> &rows, const std::vector<Messa
         messages.append(item);
     }
     QJsonObject rejected;
-    for (const auto &[cause, count] : scan.rejects().byCause())
+    for (const auto &[cause, count] : rejects.byCause())
         rejected.insert(QString::fromStdString(cause), count);
-    const QJsonObject totals{{"messages", scan.messages()},
+    const QJsonObject totals{{"messages", seen.messages},
                              {"types", int(rows.size())},
-                             {"leftOut", scan.leftOut()},
-                             {"rejected", scan.rejects().count()}};
+                             {"leftOut", seen.leftOut},
+                             {"rejected", rejects.count()}};
     QJsonObject document{{"messages", messages}, {"totals", totals}, {"rejectedByCause", rejected}};
     if (files.size() > 1) {
         QJsonArray perFile;
@@ -130,6 +167,54 @@ void writeJson(const std::vector<const RowInfo *> &rows, const std::vector<Messa
     }
     const QByteArray text = QJsonDocument(document).toJson(QJsonDocument::Indented);
     out.append(text.constData(), std::size_t(text.size()));
+}
+
+// One message into the run's tallies and its file's.
+void count(const LogScan &scan, Tallies &seen, FileTally &file)
+{
+    const BusLogEntry &entry = scan.entry();
+    seen.of(scan.row()).add(entry, scan.row().wireSize);
+    if (file.types.none())
+        file.first = entry.msecs;
+    file.last = entry.msecs;
+    file.types.set(entry.msgId);
+}
+
+struct StatsPiece
+{
+    PieceOutput output;
+    Tallies tallies;
+    FileTally file;
+};
+
+// The pieces of a regular file counted on `jobs` threads and added in input order.
+void countPieces(LogScan &scan, const StatsOptions &options, int jobs, Tallies &seen, FileTally &file,
+                 Progress &progress)
+{
+    PieceReader reader(scan.input(), pieceSize(scan.input().totalBytes(), jobs));
+    const std::string &name = scan.input().name();
+    const std::function<void(const Piece &, StatsPiece &)> countPiece = [&](const Piece &piece, StatsPiece &result) {
+        LogScan part(options.selection, options.flags.strict);
+        openPiece(part, piece, name, result.output);
+        while (part.next())
+            count(part, result.tallies, result.file);
+        result.tallies.messages = part.messages();
+        result.tallies.leftOut = part.leftOut();
+        result.output.stopped = part.strict() && part.rejects().count() > 0;
+    };
+    const std::function<bool(StatsPiece &)> take = [&](StatsPiece &result) {
+        for (const PieceOutput::Reject &reject : result.output.rejects)
+            scan.rejects().report(reject.rejected.line, reject.rejected.cause, reject.rejected.reason);
+        seen.append(result.tallies);
+        if (result.file.types.any()) {
+            if (file.types.none())
+                file.first = result.file.first;
+            file.last = result.file.last;
+            file.types |= result.file.types;
+        }
+        return !result.output.stopped;
+    };
+    runPieces(reader, jobs, countPiece, take, [&] { progress.show(scan.input().bytesConsumed(), reader.lines()); });
 }
 
 int runStats(const CLI::App &command, StatsOptions &options)
@@ -145,46 +230,60 @@ int runStats(const CLI::App &command, StatsOptions &options)
     LogScan scan(options.selection, options.flags.strict);
     ScanView view(command, scan, options.flags, options.inputs);
 
-    // Each input's share: what the scan's counts grew by while it was read.
+    // What the run counted: the scan's own messages and lines left out, and
+    // those of --jobs pieces in `seen`.
+    Tallies seen;
+    const auto messages = [&] { return scan.messages() + seen.messages; };
+    const auto leftOut = [&] { return scan.leftOut() + seen.leftOut; };
+
+    // Each input's share: what the counts grew by while it was read.
     std::vector<FileTally> files;
     FileTally file, before;
     std::map<std::string, long long> causesBefore;
     view.onInputEnd([&](const LineReader &input) {
         file.name = input.name();
-        file.messages = scan.messages() - before.messages;
-        file.leftOut = scan.leftOut() - before.leftOut;
+        file.messages = messages() - before.messages;
+        file.leftOut = leftOut() - before.leftOut;
         file.rejected = scan.rejects().count() - before.rejected;
-        for (const auto &[cause, count] : scan.rejects().byCause())
-            if (count > causesBefore[cause])
-                file.rejectedByCause[cause] = count - causesBefore[cause];
+        for (const auto &[cause, n] : scan.rejects().byCause())
+            if (n > causesBefore[cause])
+                file.rejectedByCause[cause] = n - causesBefore[cause];
         files.push_back(std::move(file));
         file = FileTally();
-        before.messages = scan.messages();
-        before.leftOut = scan.leftOut();
+        before.messages = messages();
+        before.leftOut = leftOut();
         before.rejected = scan.rejects().count();
-        for (const auto &[cause, count] : scan.rejects().byCause())
-            causesBefore[cause] = count;
+        for (const auto &[cause, n] : scan.rejects().byCause())
+            causesBefore[cause] = n;
     });
 
-    std::vector<MessageTally> seen(65536);
-    while (view.next()) {
-        const BusLogEntry &entry = scan.entry();
-        seen[entry.msgId].add(entry, scan.row().wireSize);
-        if (file.types.none())
-            file.first = entry.msecs;
-        file.last = entry.msecs;
-        file.types.set(entry.msgId);
+    // The inputs in turn; a large plain regular file on --jobs threads.
+    while (view.nextInput()) {
+        LineReader &input = scan.input();
+        input.peek();   // the first bytes tell a compressed file, which takes one job
+        const int jobs = options.flags.verbose || input.compression() != Compression::None
+                             ? 1
+                             : jobsFor(input, input.name(), options.flags.follow, options.jobs);
+        if (jobs > 1) {
+            countPieces(scan, options, jobs, seen, file, view.progress());
+            if (options.flags.strict && scan.rejects().count() > 0)
+                break;
+            continue;
+        }
+        while (scan.next())
+            count(scan, seen, file);
     }
+    seen.messages = messages();
+    seen.leftOut = leftOut();
     std::vector<const RowInfo *> rows;
     for (const RowInfo &row : Dictionary::instance().rows())
-        if (seen[row.id].count > 0)
+        if (seen.of(row).count > 0)
             rows.push_back(&row);
-
     Writer out;
     if (options.json)
-        writeJson(rows, seen, scan, files, out);
+        writeJson(rows, seen, scan.rejects(), files, out);
     else
-        writeText(rows, seen, scan, (long long)rows.size(), out);
+        writeText(rows, seen, scan.rejects(), (long long)rows.size(), out);
     return view.finish(out);
 }
 
@@ -202,6 +301,7 @@ Command addStatsCommand(CLI::App &parent)
     addSelectionOptions(*command, options->select);
     addRunFlags(*command, options->flags);
     addFollowFlag(*command, options->flags.follow);
+    addJobsOption(*command, options->jobs);
     command->footer(R"(One row per message type seen, in id order: id, name, count, the first and
 the last time (UTC), the mean rate in Hz over that span, the payload bytes in
 all, and how many of the messages carried bytes behind their record (unread).

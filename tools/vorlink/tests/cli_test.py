@@ -395,6 +395,70 @@ class Plot(unittest.TestCase):
         self.assertFalse("Reduced" in page or "note reduced" in page)
 
 
+class Jobs(unittest.TestCase):
+    """--jobs N against one job: the same bytes on both streams, in the same order."""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.dir = tempfile.TemporaryDirectory()
+        lines = run("synth", "--count", "12000", "--seed", "4").stdout.splitlines(keepends=True)
+        bad = [b"1700000000.5 3 0x0001 -\n", b"soon 3 0x0100 02000000010000003c0000000500\n",
+               b"1700000000.5 3 0x0100 02000000\n", b"1700000000.5 3 0x0300 0700z000\n",
+               b"\xef\xbb\xbf1700000000.5 3 0x0300 07000000\n"]   # a byte-order mark inside the file is no mark
+        # A line longer than a piece, and a bad line across every 64 KiB boundary.
+        lines.insert(4000, b"1700000001.25 9 0x0100 " + b"05" * 300000 + b"\n")
+        log, at = bytearray(), 0
+        for i, line in enumerate(lines):
+            if i % 700 == 350:
+                log += bad[i // 700 % len(bad)]
+            boundary = (len(log) // 65536 + 1) * 65536
+            if len(log) + len(line) > boundary:
+                log += bad[at % len(bad)].replace(b" 3 ", b" " + b"0" * (boundary - len(log)) + b"3 ", 1)
+                at += 1
+            log += line
+        cls.log = os.path.join(cls.dir.name, "jobs.log")
+        with open(cls.log, "wb") as f:
+            f.write(log + b"1700000002 1 0x0300 07000000")   # no newline at the end
+        # The first bad line far into the file, where a later piece holds it.
+        cls.late = os.path.join(cls.dir.name, "late.log")
+        with open(cls.late, "wb") as f:
+            f.write(b"".join(lines[:3000]) + bad[2] + b"".join(lines[3000:]) + bad[0])
+
+    def same(self, *args, log=None):
+        """Runs `args` on one job and on two and three; both streams as one, so their order counts too."""
+        log = log or self.log
+        one = subprocess.run([TOOL, *args, log], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, env=ENV)
+        for jobs in ("2", "3"):
+            more = subprocess.run([TOOL, *args, "--jobs", jobs, log], stdout=subprocess.PIPE,
+                                  stderr=subprocess.STDOUT, env=ENV)
+            self.assertEqual((more.returncode, more.stdout), (one.returncode, one.stdout), (args, jobs))
+        return one
+
+    def test_every_format_and_stats_as_one_job(self):
+        dump = self.same("decode").stdout.decode().splitlines()
+        self.assertEqual(dump[-1], "vorlink decode: 27 lines rejected")
+        self.assertTrue(any(l.endswith("jobs.log:351: unknown message id 0x0001") for l in dump))
+        self.assertTrue(dump[-2].endswith("AlarmClearedPayload: alarmName=7"))
+        self.assertTrue(any("+299986 bytes not read" in l for l in dump))
+        for args in (["--format", "json"], ["--format", "text"], ["--format", "binary"],
+                     ["--format", "csv", "--message", "DdTemperatureData"], ["--message", "Dd", "--from", "1700000100"]):
+            self.same("decode", *args)
+        for args in ([], ["--format", "json"], ["--message", "Td"]):
+            self.assertIn(b"rejected", self.same("stats", *args).stdout)
+
+    def test_strict_stops_where_one_job_stops(self):
+        for args in (["decode"], ["decode", "--format", "text"], ["stats", "--format", "json"]):
+            self.same(*args, "--strict")
+            r = self.same(*args, "--strict", log=self.late).stdout.decode().splitlines()
+            self.assertTrue("late.log:3001: payload of 4 bytes is too short" in "\n".join(r), args)
+        self.assertEqual(r[-1], "vorlink stats: 1 line rejected, stopped (--strict)")
+        self.assertTrue('"messages": 2999' in "\n".join(r))   # a comment line and 2999 messages ahead of it
+
+    def test_a_bad_number_of_jobs_is_misuse(self):
+        for jobs in ("0", "-1", "two"):
+            self.assertEqual(run("decode", "--jobs", jobs, self.log).returncode, 2, jobs)
+
+
 if __name__ == "__main__":
     parser = argparse.ArgumentParser()
     for option in ("--tool", "--examples"):

@@ -1,0 +1,149 @@
+#pragma once
+
+// One log on several cores. The main thread reads a regular file in order and
+// cuts it into pieces of whole lines; worker threads convert the pieces, each
+// as one job would convert those lines; the main thread takes the results in
+// input order, so that what it writes is byte for byte what one job writes.
+// Each piece keeps the file's line numbers, so rejected lines are reported
+// with their true numbers, and a strict run stops where one job would.
+
+#include "LineReader.h"
+
+#include <condition_variable>
+#include <cstddef>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace vorlink {
+
+class LogScan;
+
+// Whole lines of the input (the input's last line may lack its newline).
+struct Piece
+{
+    std::string bytes;
+    long long firstLine = 0;   // lines of the input ahead of it
+};
+
+// What a worker made of a piece: its output, and each rejected line with the
+// length of the output ahead of it, so that both streams keep the input's order.
+struct PieceOutput
+{
+    struct Reject
+    {
+        std::size_t at;
+        Rejected rejected;
+    };
+    std::string text;
+    std::vector<Reject> rejects;
+    long long messages = 0;
+    long long leftOut = 0;
+    bool stopped = false;   // a strict scan stopped at its rejected line
+};
+
+// The number of jobs a run of `jobs` over `input` gets: 1 unless the input is
+// a regular file named on the command line, not followed, and large enough
+// for the threads to gain.
+int jobsFor(const LineReader &input, const std::string &path, bool follow, int jobs);
+
+// Cuts the input into pieces of about `size` bytes that end at a line's end.
+class PieceReader
+{
+public:
+    PieceReader(LineReader &input, std::size_t size) : input_(input), size_(size) {}
+    // The next piece; false at the end of the input, or when it was stopped
+    // (a partial last line is then dropped, as one job drops it).
+    bool next(Piece &piece);
+    long long lines() const { return lines_; }
+
+private:
+    LineReader &input_;
+    std::size_t size_;
+    std::string_view rest_;   // read from the input, not yet in a piece
+    long long lines_ = 0;
+};
+
+// The piece size for a run of `jobs` over `totalBytes`: enough pieces to keep
+// every job busy to the end, none so large that a stop waits for it.
+std::size_t pieceSize(long long totalBytes, int jobs);
+
+// Opens `scan` on the piece: numbered as in the input, its rejected lines
+// kept in `output` and not shown.
+void openPiece(LogScan &scan, const Piece &piece, const std::string &name, PieceOutput &output);
+
+// Runs `convert` over every piece of `reader` on `jobs` threads, and `take`
+// on the calling thread over their results in input order, with `progress`
+// called after each piece is read. Stops early when `take` returns false.
+template <class Result>
+void runPieces(PieceReader &reader, int jobs, const std::function<void(const Piece &, Result &)> &convert,
+               const std::function<bool(Result &)> &take, const std::function<void()> &progress)
+{
+    struct Slot
+    {
+        Piece piece;
+        Result result;
+        bool done = false;
+    };
+    std::mutex mutex;
+    std::condition_variable workReady, resultReady;
+    std::deque<std::unique_ptr<Slot>> window;   // in input order; the front is the next to take
+    std::size_t handedOut = 0;                  // slots of the window given to a worker
+    bool over = false;
+
+    auto work = [&] {
+        std::unique_lock<std::mutex> lock(mutex);
+        for (;;) {
+            workReady.wait(lock, [&] { return over || handedOut < window.size(); });
+            if (over)
+                return;
+            Slot &slot = *window[handedOut++];
+            lock.unlock();
+            convert(slot.piece, slot.result);
+            slot.piece.bytes = std::string();
+            lock.lock();
+            slot.done = true;
+            resultReady.notify_all();
+        }
+    };
+    std::vector<std::thread> threads;
+    for (int k = 0; k < jobs; ++k)
+        threads.emplace_back(work);
+
+    bool more = true;
+    for (;;) {
+        while (more && window.size() < std::size_t(2 * jobs)) {
+            auto slot = std::make_unique<Slot>();
+            more = reader.next(slot->piece);
+            if (!more)
+                break;
+            progress();
+            std::lock_guard<std::mutex> lock(mutex);
+            window.push_back(std::move(slot));
+            workReady.notify_one();
+        }
+        std::unique_lock<std::mutex> lock(mutex);
+        if (window.empty())
+            break;
+        resultReady.wait(lock, [&] { return window.front()->done; });
+        std::unique_ptr<Slot> slot = std::move(window.front());
+        window.pop_front();
+        --handedOut;
+        lock.unlock();
+        if (!take(slot->result))
+            break;
+    }
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        over = true;
+    }
+    workReady.notify_all();
+    for (std::thread &thread : threads)
+        thread.join();
+}
+
+} // namespace vorlink
