@@ -116,6 +116,7 @@ struct FileTally
     std::map<std::string, long long> rejectedByCause;
     std::bitset<65536> types;
     qint64 first = 0, last = 0;
+    qint32 firstNanos = 0, lastNanos = 0;
 };
 
 QJsonObject fileJson(const FileTally &file)
@@ -129,8 +130,8 @@ QJsonObject fileJson(const FileTally &file)
             {"leftOut", file.leftOut},
             {"rejected", file.rejected},
             {"rejectedByCause", rejected},
-            {"first", file.messages > 0 ? QJsonValue(QString::fromStdString(isoTime(file.first))) : QJsonValue()},
-            {"last", file.messages > 0 ? QJsonValue(QString::fromStdString(isoTime(file.last))) : QJsonValue()}};
+            {"first", file.messages > 0 ? QJsonValue(QString::fromStdString(isoTime(file.first, file.firstNanos))) : QJsonValue()},
+            {"last", file.messages > 0 ? QJsonValue(QString::fromStdString(isoTime(file.last, file.lastNanos))) : QJsonValue()}};
 }
 
 void writeJson(const std::vector<const RowInfo *> &rows, const Tallies &seen, const Rejects &rejects,
@@ -174,9 +175,12 @@ void count(const LogScan &scan, Tallies &seen, FileTally &file)
 {
     const BusLogEntry &entry = scan.entry();
     seen.of(scan.row()).add(entry, scan.row().wireSize);
-    if (file.types.none())
+    if (file.types.none()) {
         file.first = entry.msecs;
+        file.firstNanos = entry.nanos;
+    }
     file.last = entry.msecs;
+    file.lastNanos = entry.nanos;
     file.types.set(entry.msgId);
 }
 
@@ -207,9 +211,12 @@ void countPieces(LogScan &scan, const StatsOptions &options, int jobs, Tallies &
             scan.rejects().report(reject.rejected.line, reject.rejected.cause, reject.rejected.reason);
         seen.append(result.tallies);
         if (result.file.types.any()) {
-            if (file.types.none())
+            if (file.types.none()) {
                 file.first = result.file.first;
+                file.firstNanos = result.file.firstNanos;
+            }
             file.last = result.file.last;
+            file.lastNanos = result.file.lastNanos;
             file.types |= result.file.types;
         }
         return !result.output.stopped;
