@@ -53,6 +53,15 @@ class Check(unittest.TestCase):
                 "DdTemperatureData.d1Temp: number changed from 2 to 3 (breaks schema readers)",
                 "DdTemperatureData.d78Temp: number changed from 3 to 2 (breaks schema readers)",
                 "DdTemperatureData: record DdTemperatureDataPayload changes its fields (breaks host programs)"]),
+            "appended": (edited(f"14  {status}", f"18  {status} alarmCount:U32"), [
+                "AlarmStatusData.alarmCount: added at byte 14 (breaks the nodes)",
+                "AlarmStatusData: payload size changed from 14 to 18 bytes (breaks the nodes)",
+                "AlarmStatusData: record AlarmStatusDataPayload changes its fields (breaks host programs)"]),
+            "last removed": (edited(f"14  {status}", f"12  {status[:-16]}"), [
+                "AlarmStatusData.alarmsFlags: removed from byte 12 (breaks the nodes)",
+                "AlarmStatusData: payload size changed from 14 to 12 bytes (breaks the nodes)",
+                "AlarmStatusData.alarmsFlags: removed (number 5) (breaks schema readers)",
+                "AlarmStatusData: record AlarmStatusDataPayload changes its fields (breaks host programs)"]),
             "widened": (edited(f"14  {status}", f"16  {status[:-3]}U32"), [
                 "AlarmStatusData.alarmsFlags: widened from U16 to U32 (breaks the nodes)",
                 "AlarmStatusData: payload size changed from 14 to 16 bytes (breaks the nodes)",
