@@ -56,6 +56,19 @@ class Check(unittest.TestCase):
                 "DdTemperatureData.d78Temp: number changed from 3 to 2 (breaks schema readers)",
                 "DdTemperatureData: record DdTemperatureDataPayload changes its fields (breaks host programs)",
                 "struct vorlink_dd_temperature_data: members reordered (breaks firmware sources)"]),
+            "appended": (edited(f"14  {status}", f"18  {status} alarmCount:U32"), [
+                "AlarmStatusData.alarmCount: added at byte 14 (breaks the nodes)",
+                "AlarmStatusData: payload size changed from 14 to 18 bytes (breaks the nodes)",
+                "AlarmStatusData: record AlarmStatusDataPayload changes its fields (breaks host programs)",
+                "VORLINK_ALARM_STATUS_DATA_SIZE: changed from 14 to 18 (breaks firmware sources)",
+                "struct vorlink_alarm_status_data: member alarmCount added (breaks firmware sources)"]),
+            "last removed": (edited(f"14  {status}", f"12  {status[:-16]}"), [
+                "AlarmStatusData.alarmsFlags: removed from byte 12 (breaks the nodes)",
+                "AlarmStatusData: payload size changed from 14 to 12 bytes (breaks the nodes)",
+                "AlarmStatusData.alarmsFlags: removed (number 5) (breaks schema readers)",
+                "AlarmStatusData: record AlarmStatusDataPayload changes its fields (breaks host programs)",
+                "VORLINK_ALARM_STATUS_DATA_SIZE: changed from 14 to 12 (breaks firmware sources)",
+                "struct vorlink_alarm_status_data: member alarmsFlags removed (breaks firmware sources)"]),
             "widened": (edited(f"14  {status}", f"16  {status[:-3]}U32"), [
                 "AlarmStatusData.alarmsFlags: widened from U16 to U32 (breaks the nodes)",
                 "AlarmStatusData: payload size changed from 14 to 16 bytes (breaks the nodes)",

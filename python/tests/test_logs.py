@@ -142,7 +142,7 @@ def test_misuse_is_named():
 def test_long_form_holds_every_value_once_in_time_order():
     log = vorlink.read_log(BUS_LOG, message=["AlarmStatusData", "DdTemperatureData"])
     long = log.long()
-    assert long["time"].is_monotonic_increasing
+    assert long["time"].is_monotonic_increasing and long["value"].dtype == numpy.float64
     wide = log.table("DdTemperatureData")
     got = long[(long["message"] == "DdTemperatureData") & (long["field"] == "d4Temp")]["value"].tolist()
     assert got == wide["d4Temp"].astype(float).tolist()
@@ -208,5 +208,10 @@ def test_dask_on_two_process_workers_equals_pandas(tmp_path):
         assert got.groupby("path")["d4Temp"].count().to_dict() == {p: 1 for p in paths}
         pruned = vorlink.dask.read_logs(paths, "DdTemperatureData")[["time", "d4Temp"]]
         assert {frozenset(f.columns) for f in readers(dask.optimize(pruned)[0].__dask_graph__())} == {frozenset({"time", "d4Temp"})}
-        chosen = vorlink.dask.read_logs(paths, "DdTemperatureData", columns=["d4Temp", "time"])
-        pandas.testing.assert_frame_equal(chosen.compute().reset_index(drop=True), expected[["d4Temp", "time"]])
+        chosen = vorlink.dask.read_logs(paths, "DdTemperatureData", columns=["d4Temp", "time"], include_path_column="machine")
+        assert list(chosen.columns) == ["d4Temp", "time", "machine"]
+        with open(tmp_path / "machine2.log", "w") as f:   # a bad line is left out, the good ones kept
+            f.write("yesterday 1 0x2600 00\n" + [line for line in open(paths[0]) if " 0x2600 " in line][0])
+        assert len(vorlink.dask.read_logs(str(tmp_path / "machine[0-9].log"), 0x2600, columns=["d4Temp"]).compute()) == 3
+        pandas.testing.assert_frame_equal(chosen.compute().reset_index(drop=True),
+                                          expected[["d4Temp", "time"]].assign(machine=pandas.Series(paths, dtype=object)))

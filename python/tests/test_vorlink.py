@@ -49,6 +49,8 @@ def test_dictionary_matches_the_message_list():
     for t, (id_, name, fields) in zip(types, ROW_LIST):
         fmt = "<" + "".join(CODE[f[1]] for f in fields)
         assert t.wire_size == struct.calcsize(fmt) == t.dtype.itemsize
+        if fields:   # the dtype reads the wire bytes
+            assert numpy.frombuffer(struct.pack(fmt, *range(len(fields))), t.dtype)[0].tolist() == tuple(range(len(fields)))
         assert [(f.name, f.wire_type, f.offset, f.size) for f in t.fields] == \
             [(n, w, struct.calcsize(fmt[:i + 1]), struct.calcsize("<" + CODE[w])) for i, (n, w, _) in
              enumerate(fields)]
@@ -67,6 +69,11 @@ def test_dictionary_matches_the_message_list():
         vorlink.message("Fp")
     with pytest.raises(KeyError, match="0x0001"):
         vorlink.message(1)
+    for key in (0x10100, -1, 2**64):   # not cut to the low 16 bits of an id
+        for call in (vorlink.message, lambda k: vorlink.decode(k, bytes(14)), lambda k: vorlink.encode(k, fill=0),
+                     lambda k: vorlink.to_protobuf(k, bytes(14), time=0, sequence=0)):
+            with pytest.raises(KeyError, match=f"^'{key} is no message id \\(0 to 0xFFFF\\)'$"):
+                call(key)
 
 
 EDGES = {"F32": [0.0, -0.0, float("inf"), float("-inf"), float("nan"), 3.4028234663852886e+38, 1e-45]}
@@ -141,6 +148,7 @@ def test_records_compare_pickle_and_stay_fixed():
     a = vorlink.decode(0x0300, bytes.fromhex("07000000") + b"\x01")
     assert a == vorlink.records.AlarmCleared(7) == vorlink.records.AlarmCleared(alarmName=7) != (7,)
     assert a != vorlink.decode(0x0400, bytes.fromhex("07000000")) and hash(a) == hash(vorlink.records.AlarmCleared(7))
+    assert repr(a) == "AlarmCleared(alarmName=7, unread=b'\\x01')"
     copy = pickle.loads(pickle.dumps(a))
     assert copy == a and copy.unread == b"\x01" and type(copy) is vorlink.records.AlarmCleared
     with pytest.raises(AttributeError):

@@ -270,17 +270,37 @@ LineResult entryFromText(const std::string &block, Message &envelope, BusLogEntr
     return wireFromProto(*row, bytes, entry.payload);
 }
 
+// A binary stream starts with a varint size, the header's tag 0x0A and its
+// size (under 32 bytes, and within the message), then the tag of the header's
+// first field: the sequence (0x10), the id (0x18) or the timestamp (0x0A, its
+// size within the header's, then 0x08 or 0x10 unless it is empty). A size of
+// 9, 10, 13 or 32 is a blank, and one of 123 is '{', so JSON and text may
+// start with the first bytes of that; never with a timestamp's.
+// The bytes of the first size: one, or two from 128 bytes on.
+std::size_t sizeBytes(std::string_view head)
+{
+    return !head.empty() && quint8(head[0]) >= 0x80 ? 2 : 1;
+}
+
+bool startsBinary(std::string_view head)
+{
+    const auto at = [&](std::size_t k) { return k < head.size() ? int(quint8(head[k])) : -1; };
+    const std::size_t tag = sizeBytes(head);
+    const int size = tag == 2 ? (at(0) & 0x7F) | (at(1) << 7) : at(0);
+    const int header = at(tag + 1);
+    if (at(tag) != 0x0A || header < 0 || header >= 0x20 || header + 2 > size)
+        return false;
+    const int field = at(tag + 2), time = at(tag + 3);
+    if (field == 0x10 || field == 0x18)
+        return true;
+    return field == 0x0A && time >= 0 && time + 2 <= header && (time == 0 || at(tag + 4) == 0x08 || at(tag + 4) == 0x10);
+}
+
 Input detect(std::string_view head)
 {
     if (head.substr(0, 3) == "\xEF\xBB\xBF")   // a byte-order mark, as before a bus log
         head.remove_prefix(3);
-    // A binary stream starts with a varint size, the header's tag 0x0A, the
-    // header's size (under 32 bytes) and the tag of its first field (0x0A,
-    // 0x10 or 0x18). A size of 123 is '{', and JSON spread over lines starts
-    // "{\n" too, but then blanks or a quote follow.
-    const std::size_t tag = !head.empty() && quint8(head[0]) >= 0x80 ? 2 : 1;
-    if (head.size() > tag + 2 && head[tag] == '\x0A' && quint8(head[tag + 1]) < 0x20 &&
-        (head[tag + 2] == '\x0A' || head[tag + 2] == '\x10' || head[tag + 2] == '\x18'))
+    if (startsBinary(head))
         return Input::Binary;
     const std::size_t first = head.find_first_not_of(" \t\r\n");
     if (first != std::string_view::npos && head[first] == '{')
@@ -289,7 +309,9 @@ Input detect(std::string_view head)
     const std::size_t second = first == std::string_view::npos ? first : head.find_first_not_of(" \t\r\n", first + 1);
     if (second != std::string_view::npos && head[first] == '[' && (head[second] == '{' || head[second] == ']'))
         return Input::Json;
-    if (head.size() > tag && head[tag] == '\x0A')
+    // Too short to tell: a size and the header's tag, not blank lines.
+    const std::size_t tag = sizeBytes(head);
+    if (head.size() > tag && head[tag] == '\x0A' && first != std::string_view::npos && first < tag)
         return Input::Binary;
     return Input::Text;
 }

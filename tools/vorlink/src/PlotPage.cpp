@@ -118,7 +118,7 @@ void PlotChart::add(qint64 msecs, const double *values)
 
 void PlotChart::reduce()
 {
-    width_ = (last_ - first_) / qint64(minBuckets) + 1;
+    width_ = std::max<qint64>(1, (last_ - first_) / qint64(minBuckets));
     const std::size_t n = series_.size();
     for (std::size_t i = 0; i < times_.size(); ++i)
         addToBucket(times_[i], values_.data() + i * n);

@@ -150,6 +150,13 @@ class Questions(unittest.TestCase):
             "0x1700  TdEvent                   2  2023-11-14T22:13:20.123Z  2023-11-14T22:13:22.736Z       0.383           40          2",
             "0x2600  DdTemperatureData         1  2023-11-14T22:13:22.587Z  2023-11-14T22:13:22.587Z           -           96          0",
             "", "5 messages of 3 types; 473 lines left out by the selection; 0 lines rejected"])
+        # The rate is over the span from the first to the last message: none when they share one time.
+        for log, rate in ((ALARM * 2, None), (ALARM * 2 + ALARM.replace(b"0.123", b"0.623"), 4.0)):
+            stats = json.loads(run("stats", "--format", "json", stdin=log).stdout)["messages"][0]
+            self.assertEqual((stats["id"], stats["msgId"], stats["rateHz"]), ("0x0100", 256, rate))
+            text = run("stats", stdin=log).stdout.decode().splitlines()
+            self.assertEqual((text[1].split()[5], text[-1]), ("%.3f" % rate if rate else "-", f"{len(log.splitlines())} "
+                             "messages of 1 type; 0 lines left out by the selection; 0 lines rejected"))
         bad = run("stats", "examples/malformed.log")
         self.assertEqual(bad.returncode, 1)
         for cause in ("payload too short", "unknown id", "bad payload", "bad sequence", "bad time"):
@@ -164,6 +171,11 @@ class Questions(unittest.TestCase):
                 for a, b in zip(messages(back.stdout.decode()), self.lines):
                     self.assertEqual(a[:3], b[:3])
                     self.assertTrue(b[3].startswith(a[3].strip("-")), (a, b))   # bytes behind a record are dropped
+        # Blank lines before JSON or text are not the start of a binary stream.
+        for form in ("json", "text"):
+            data = run("decode", "--format", form, stdin=ALARM).stdout
+            for lead in (b"\n", b"\n\n", b"\n\n\n\n", b" \n\r\n\t\n"):
+                self.assertEqual(run("encode", stdin=lead + data).stdout, ALARM, (form, lead))
         stream = b"".join(bytes([len(f)]) + f for f in (ALARM_PROTO, b"\x0a\x02\x08", ALARM_PROTO))
         r = run("encode", stdin=stream)
         self.assertEqual((r.returncode, len(r.stdout.splitlines())), (1, 2))
@@ -222,7 +234,7 @@ class Craft(unittest.TestCase):
         rows = {   # every wire type at its edges, hexadecimal, negative, float, bool
             "FwVersionsRequest": {"major": "255", "minor": "0", "micro": "0x7f", "build": "65535", "compatibility": "4294967295"},
             "TdValvesData": {"valveID": "1", "state": "2", "currentPosID": "3", "currentPos": "-32768", "cmdPos": "32767",
-                             "posA": "-1", "posB": "0", "posC": "0", "posD": "0", "maxHomingPos": "0x10"},
+                             "posA": "-1", "posB": "0x0", "posC": "0", "posD": "0", "maxHomingPos": "0x10"},
             "TdBloodPumpData": {"h4SetFlowRate": "-2147483648", "h4MeasFlow": "-1.5", "h4MeasRotorSpd": "3.4028235e38",
                                 "h4MeasPumpSpd": "0.1", "h4MeasTorquemNm": "-0", "h4SetRPM": "1e-45", "h4RotorCount": "0",
                                 "h4PresFlow": "0", "h6RotorHallState": "2147483647"},
@@ -257,10 +269,16 @@ class Craft(unittest.TestCase):
                     ("TdValvesData", "cmdPos=1.5", "cmdPos: '1.5' is not a whole number (decimal or 0x hexadecimal)"),
                     ("TdValvesData", "cmdPOS=1", "TdValvesData has no field 'cmdPOS'; nearest: cmdPos, posA, posB"),
                     ("TdValvesData", "cmdPos=1 cmdPos=2", "cmdPos is given twice"),
-                    ("FwVersionsRequest", "major=1 micro=2", "FwVersionsRequest needs every field; missing: minor, build, compatibility (or --fill 0)")]
+                    ("FwVersionsRequest", "major=1 micro=2", "FwVersionsRequest needs every field; missing: minor, build, compatibility (or --fill 0)"),
+                    ("TdValvesData", "--sequence=65536", "--sequence: '65536' is not a number from 0 to 65535"),
+                    ("TdValvesData", "--sequence=-1", "--sequence: '-1' is not a number from 0 to 65535")]
         for message, words, said in refusals:
             r = run("make", message, "--fill", "0", *words.split()) if "missing" not in said else run("make", message, *words.split())
             self.assertEqual((r.returncode, r.stdout, r.stderr.decode().splitlines()[0]), (2, b"", "vorlink make: " + said), words)
+        for words, line in (("payloadPtr=true --sequence 65535", "1.000 65535 0x0280 01000000"),
+                            ("payloadPtr=1 --sequence 0", "1.000 0 0x0280 01000000"),
+                            ("payloadPtr=false", "1.000 0 0x0280 00000000"), ("payloadPtr=0", "1.000 0 0x0280 00000000")):
+            self.assertEqual(run("make", "TdSendTestConfiguration", "--time", "1", *words.split()).stdout.decode(), line + "\n")
         now = run("make", "0x1780", "valve=1", "state=2").stdout.split()
         self.assertEqual(now[1:], [b"0", b"0x1780", b"0100000002000000"])
         self.assertLess(abs(float(now[0]) - time.time()), 60)
@@ -310,6 +328,25 @@ class List(unittest.TestCase):
                 current = line.split()[2].split(".")[-1]
             else:
                 self.assertIn(current, line)
+
+    def test_positions_wire_types_and_sizes_are_the_message_lists(self):
+        width, rows = {"U08": 1, "U16": 2, "U32": 4, "S16": 2, "S32": 4, "F32": 4}, {}
+        with open(os.path.join(EXAMPLES, "..", "lib", "Vorlink", "src", "ZelkoMsgRows.txt")) as f:
+            lines = [line for line in f if line.strip() and not line.startswith("#")]
+        for line in lines:
+            _, _, name, size, fields = line.split(None, 4)
+            at, wire = 0, []
+            for m in re.finditer(r"(?:^|\s)(\w+?)(?:(\d+)\.\.(\d+))?:(\w{3})", fields):
+                for field in [m[1]] if not m[2] else [f"{m[1]}{k}" for k in range(int(m[2]), int(m[3]) + 1)]:
+                    wire, at = wire + [(field, at, m[4], width[m[4]])], at + width[m[4]]
+            rows[name] = (int(size), at, wire)
+        listed = json.loads(run("list", "--format", "json").stdout)
+        self.assertEqual({r["message"]: (r["payloadSize"], r["wireSize"], [(f["name"], f["position"], f["wireType"], f["width"])
+                          for f in r["fields"] if "position" in f]) for r in listed}, rows)
+        text = run("list").stdout.decode().splitlines()
+        self.assertEqual([l.split()[3] for l in text if l.startswith("0x")], [str(size) for size, _, _ in rows.values()])
+        self.assertEqual([l.split()[:3] for l in text if re.match(r" +\d", l)],
+                         [[str(at), w, f"{m}.{f}"] for m, (_, _, wire) in rows.items() for f, at, w, _ in wire])
 
     def test_one_vocabulary_for_every_command(self):
         """--message, list and make read a key alike."""
@@ -390,9 +427,13 @@ class Plot(unittest.TestCase):
                          ([False] * 3 + [True, False, True, True, True], [[1000, 3, 0, 0.1, 1, 7, 0, 1, 0]]))
         self.assertTrue("No points in the selection: data1_bool, data1_uint32" in page)
 
-        page, [temp] = charts("--to", "1700000000.099", "DdTemperatureData.d1Temp")
-        self.assertEqual(temp["rows"], [[1700000000000 + i, values[i]] for i in range(100)])
+        # Up to 5000 messages a chart holds every point, in time order; at 5001 it is reduced.
+        page, [temp] = charts("--to", "1700000004.999", "DdTemperatureData.d1Temp")
+        self.assertEqual(temp["rows"], [[1700000000000 + i, values[i]] for i in range(5000)])
         self.assertFalse("Reduced" in page or "note reduced" in page)
+        page, [temp] = charts("--to", "1700000005.000", "DdTemperatureData.d1Temp", "DdTemperatureData.d4Temp")
+        buckets = int(re.search(r"Reduced from 10002 points: .* each of (\d+) time buckets", page).group(1))
+        self.assertTrue(1024 <= buckets <= 2048 and len(temp["rows"]) <= 2 * buckets, buckets)
 
 
 class Jobs(unittest.TestCase):
