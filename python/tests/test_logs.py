@@ -210,8 +210,10 @@ def test_dask_on_two_process_workers_equals_pandas(tmp_path):
         assert {frozenset(f.columns) for f in readers(dask.optimize(pruned)[0].__dask_graph__())} == {frozenset({"time", "d4Temp"})}
         chosen = vorlink.dask.read_logs(paths, "DdTemperatureData", columns=["d4Temp", "time"], include_path_column="machine")
         assert list(chosen.columns) == ["d4Temp", "time", "machine"]
-        with open(tmp_path / "machine2.log", "w") as f:   # a bad line is left out, the good ones kept
+        with open(tmp_path / "machine2.log", "w") as f:   # collected: a bad line is left out, the good ones kept
             f.write("yesterday 1 0x2600 00\n" + [line for line in open(paths[0]) if " 0x2600 " in line][0])
-        assert len(vorlink.dask.read_logs(str(tmp_path / "machine[0-9].log"), 0x2600, columns=["d4Temp"]).compute()) == 3
+        kept, rejected = vorlink.dask.read_logs(str(tmp_path / "machine[0-9].log"), 0x2600, columns=["d4Temp"],
+                                                errors="collect")
+        assert (len(kept.compute()), len(rejected.compute())) == (3, 1)
         pandas.testing.assert_frame_equal(chosen.compute().reset_index(drop=True),
                                           expected[["d4Temp", "time"]].assign(machine=pandas.Series(paths, dtype=object)))
