@@ -83,6 +83,8 @@ public:
     // True when the input ended by the flag or the idle call, not at its end.
     bool stopped() const { return stopped_; }
     bool following() const { return follow_; }
+    // A file opened by its name, not standard input or a read function.
+    bool byName() const { return ownFd_; }
 
     // The lines that follow are numbered from `lines` + 1: a piece of a file
     // read on its own keeps the file's numbers, and its first line is not

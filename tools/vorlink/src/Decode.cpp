@@ -264,11 +264,7 @@ int runDecode(const CLI::App &command, DecodeOptions &options)
     // library's own lines (--verbose) come in the order one job makes them.
     Converter converter(options.format);
     while (!out.failed() && view.nextInput()) {
-        LineReader &input = scan.input();
-        input.peek();   // the first bytes tell a compressed file, which takes one job
-        const int jobs = options.flags.verbose || input.compression() != Compression::None
-                             ? 1
-                             : jobsFor(input, input.name(), options.flags.follow, options.jobs);
+        const int jobs = options.flags.verbose ? 1 : jobsFor(scan.input(), options.flags.follow, options.jobs);
         if (jobs > 1) {
             decodePieces(scan, options, jobs, out, view.progress());
             if (options.flags.strict && scan.rejects().count() > 0)

@@ -14,9 +14,12 @@ constexpr std::size_t largestPiece = 1 << 20;
 
 } // namespace
 
-int jobsFor(const LineReader &input, const std::string &path, bool follow, int jobs)
+int jobsFor(LineReader &input, bool follow, int jobs)
 {
-    if (jobs <= 1 || path == "-" || follow || input.following() || input.totalBytes() < smallestSplit)
+    if (jobs <= 1 || !input.byName() || follow || input.following() || input.totalBytes() < smallestSplit)
+        return 1;
+    input.peek();
+    if (input.compression() != Compression::None)
         return 1;
     return jobs;
 }

@@ -46,10 +46,10 @@ struct PieceOutput
     bool stopped = false;   // a strict scan stopped at its rejected line
 };
 
-// The number of jobs a run of `jobs` over `input` gets: 1 unless the input is
-// a regular file named on the command line, not followed, and large enough
-// for the threads to gain.
-int jobsFor(const LineReader &input, const std::string &path, bool follow, int jobs);
+// The number of jobs a run of `jobs` over `input`, just opened, gets: 1 unless
+// the input is a plain regular file named on the command line (not compressed:
+// its first bytes are read to tell), not followed, and large enough for the threads to gain.
+int jobsFor(LineReader &input, bool follow, int jobs);
 
 // Cuts the input into pieces of about `size` bytes that end at a line's end.
 class PieceReader

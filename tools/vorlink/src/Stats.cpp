@@ -266,11 +266,7 @@ int runStats(const CLI::App &command, StatsOptions &options)
 
     // The inputs in turn; a large plain regular file on --jobs threads.
     while (view.nextInput()) {
-        LineReader &input = scan.input();
-        input.peek();   // the first bytes tell a compressed file, which takes one job
-        const int jobs = options.flags.verbose || input.compression() != Compression::None
-                             ? 1
-                             : jobsFor(input, input.name(), options.flags.follow, options.jobs);
+        const int jobs = options.flags.verbose ? 1 : jobsFor(scan.input(), options.flags.follow, options.jobs);
         if (jobs > 1) {
             countPieces(scan, options, jobs, seen, file, view.progress());
             if (options.flags.strict && scan.rejects().count() > 0)
