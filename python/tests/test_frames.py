@@ -114,9 +114,9 @@ def test_a_frame_is_the_callers_to_change(log_path):
     a = log.table("AlarmStatusData")
     a.loc[0, "alarmState"] = 99
     a["alarmTop"] *= 10
-    a.sort_values("time", inplace=True, ascending=False)
-    a.loc[0, "time"] = pandas.Timestamp("2000-01-01", tz="UTC")
+    a.loc[0, "time"] = pandas.Timestamp("2000-01-01", tz="UTC")   # before a sort, which copies
     a.loc[0, "sequence"] = 1
+    a.sort_values("time", inplace=True, ascending=False)
     log.tables()["TdEvent"]["event"] += 1
     log["TdEvent"].loc[0, "unread"] = b"changed"
     for name, table in log.tables().items():
