@@ -20,14 +20,6 @@ T wireValue(const char *at)
     return value;
 }
 
-template <class T>
-void appendInteger(T value, std::string &out)
-{
-    char text[24];
-    const auto r = std::to_chars(text, text + sizeof text, value);
-    out.append(text, std::size_t(r.ptr - text));
-}
-
 // Qt's own spelling, for the few values whose rounding to six digits is too
 // close to call from nine.
 void appendQtFloat(float value, std::string &out)
@@ -108,7 +100,7 @@ void appendDumpFloat(float value, std::string &out)
         const int magnitude = exponent < 0 ? -exponent : exponent;
         if (magnitude < 10)
             out += '0';
-        appendInteger(magnitude, out);
+        appendDecimal(magnitude, out);
     } else if (exponent >= 0) {
         const int whole = exponent + 1;
         if (count <= whole) {
@@ -141,11 +133,11 @@ void appendDumpLine(const RowInfo &row, const char *payload, std::string &out)
         out += '=';
         const char *at = payload + field.position;
         switch (field.type) {
-        case WireType::U08: appendInteger(unsigned(static_cast<unsigned char>(*at)), out); break;
-        case WireType::U16: appendInteger(wireValue<std::uint16_t>(at), out); break;
-        case WireType::U32: appendInteger(wireValue<std::uint32_t>(at), out); break;
-        case WireType::S16: appendInteger(int(wireValue<std::int16_t>(at)), out); break;
-        case WireType::S32: appendInteger(wireValue<std::int32_t>(at), out); break;
+        case WireType::U08: appendDecimal(unsigned(static_cast<unsigned char>(*at)), out); break;
+        case WireType::U16: appendDecimal(wireValue<std::uint16_t>(at), out); break;
+        case WireType::U32: appendDecimal(wireValue<std::uint32_t>(at), out); break;
+        case WireType::S16: appendDecimal(int(wireValue<std::int16_t>(at)), out); break;
+        case WireType::S32: appendDecimal(wireValue<std::int32_t>(at), out); break;
         case WireType::F32: appendDumpFloat(wireValue<float>(at), out); break;
         }
     }

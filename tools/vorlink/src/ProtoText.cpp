@@ -2,6 +2,7 @@
 
 #include "BusLog.h"
 #include "Dictionary.h"
+#include "DumpLine.h"
 #include "JsonCodec.h"
 
 #include <google/protobuf/descriptor.h>
@@ -15,14 +16,6 @@ namespace vorlink {
 namespace {
 
 using google::protobuf::FieldDescriptor;
-
-template <class T>
-void appendNumber(T value, std::string &out)
-{
-    char text[24];
-    const auto r = std::to_chars(text, text + sizeof text, value);
-    out.append(text, std::size_t(r.ptr - text));
-}
 
 // The printer's float: "%.6g" when it reads back to the same float, else
 // "%.9g" (the JSON writer's digits); "nan" for every NaN, "inf", "-inf", "-0".
@@ -51,23 +44,23 @@ void appendProtoText(const RowInfo &row, const BusLogEntry &entry, std::string &
     out += "header {\n  timestamp {\n";
     if (seconds != 0) {
         out += "    seconds: ";
-        appendNumber(seconds, out);
+        appendDecimal(seconds, out);
         out += '\n';
     }
     if (nanos != 0) {
         out += "    nanos: ";
-        appendNumber(nanos, out);
+        appendDecimal(nanos, out);
         out += '\n';
     }
     out += "  }\n";
     if (sequence != 0) {
         out += "  sequence: ";
-        appendNumber(sequence, out);
+        appendDecimal(sequence, out);
         out += '\n';
     }
     if (entry.msgId != 0) {
         out += "  msgId: ";
-        appendNumber(unsigned(entry.msgId), out);
+        appendDecimal(unsigned(entry.msgId), out);
         out += '\n';
     }
     out += "}\n";
@@ -86,7 +79,7 @@ void appendProtoText(const RowInfo &row, const BusLogEntry &entry, std::string &
         switch (field.schemaField->cpp_type()) {
         case FieldDescriptor::CPPTYPE_BOOL: out += "true"; break;
         case FieldDescriptor::CPPTYPE_INT32:
-            appendNumber(field.type == WireType::S16 ? std::int32_t(std::int16_t(bits)) : std::int32_t(bits), out);
+            appendDecimal(field.type == WireType::S16 ? std::int32_t(std::int16_t(bits)) : std::int32_t(bits), out);
             break;
         case FieldDescriptor::CPPTYPE_FLOAT: {
             float f;
@@ -94,7 +87,7 @@ void appendProtoText(const RowInfo &row, const BusLogEntry &entry, std::string &
             appendFloat(f, out);
             break;
         }
-        default: appendNumber(bits, out); break;
+        default: appendDecimal(bits, out); break;
         }
         out += '\n';
     }
