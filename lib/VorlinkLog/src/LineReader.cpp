@@ -105,9 +105,10 @@ bool LineReader::open(const std::string &path, std::string &error, bool follow)
     return true;
 }
 
-void LineReader::open(ReadFunction read, std::string name)
+void LineReader::open(ReadFunction read, std::string name, bool plain)
 {
     reset();
+    detected_ = plain;
     read_ = std::move(read);
     name_ = std::move(name);
     buffer_.resize(std::size_t(1) << 20);

@@ -56,8 +56,10 @@ public:
     // A reader may be opened again for the next input: the line numbers and
     // counts start again, the calls given below are kept.
     bool open(const std::string &path, std::string &error, bool follow = false);
-    // Any other source, such as a Python file object; `name` is how reports call it.
-    void open(ReadFunction read, std::string name);
+    // Any other source, such as a Python file object; `name` is how reports
+    // call it. A `plain` source is never taken for compressed data, whatever
+    // its first bytes (a piece of a plain file, cut anywhere).
+    void open(ReadFunction read, std::string name, bool plain = false);
 
     // Called when the next read of a file descriptor would wait (a pipe or a
     // terminal with nothing to read at once, a followed file at its end),

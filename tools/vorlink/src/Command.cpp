@@ -367,19 +367,6 @@ int finishOutput(const CLI::App &command, Writer &out)
     return exitRejected;
 }
 
-int finishRun(const CLI::App &command, const LineReader &input, const Rejects &rejects, Progress &progress,
-              Writer &out, bool strict)
-{
-    if (input.readError() != 0) {
-        progress.clear();
-        finishOutput(command, out);
-        std::fprintf(stderr, "vorlink %s: %s: %s\n", command.get_name().c_str(), input.name().c_str(),
-                     std::strerror(input.readError()));
-        return exitRejected;
-    }
-    return summarize(command, rejects, progress, out, strict);
-}
-
 int summarize(const CLI::App &command, const Rejects &rejects, Progress &progress, Writer &out, bool strict)
 {
     progress.clear();

@@ -112,8 +112,10 @@ public:
     void onInputEnd(std::function<void(const LineReader &)> end) { inputEnd_ = std::move(end); }
     // Closes the run: flushes the output and sums up what was rejected.
     int finish(Writer &out);
-    // For a run that reads an input itself rather than through the scan.
-    Progress &progress() { return progress_; }
+    // The progress bar of a run that reads an input itself rather than
+    // through the scan: `bytes` into the current input, as its position() says.
+    void tick(long long bytes, long long lines) { progress_.tick(done_ + bytes, lines); }
+    void show(long long bytes, long long lines) { progress_.show(done_ + bytes, lines); }
 
 private:
     void endInput();
@@ -166,12 +168,8 @@ const CLI::Validator &wholeNumber();
 // a closed pipe ends the run quietly (exitOk).
 int finishOutput(const CLI::App &command, Writer &out);
 
-// Closes a run over an input: flushes the output and sums up what was
-// rejected, and how the run was stopped if a signal stopped it.
-int finishRun(const CLI::App &command, const LineReader &input, const Rejects &rejects, Progress &progress,
-              Writer &out, bool strict);
-// The same without the input's read error: the output flushed, the rejected
-// lines summed up, and the signal that stopped the run.
+// Closes a run: the output flushed, the rejected lines summed up, and the
+// signal that stopped the run.
 int summarize(const CLI::App &command, const Rejects &rejects, Progress &progress, Writer &out, bool strict);
 
 } // namespace vorlink

@@ -199,20 +199,22 @@ private:
 
 // The pieces of a regular file on `jobs` threads, written in input order.
 void decodePieces(LogScan &scan, const DecodeOptions &options, int jobs, Writer &out,
-                  Progress &progress)
+                  ScanView &view)
 {
     PieceReader reader(scan.input(), pieceSize(scan.input().totalBytes(), jobs));
     const std::string &name = scan.input().name();
     const std::function<void(const Piece &, PieceOutput &)> convert = [&](const Piece &piece, PieceOutput &output) {
+        // Each worker thread keeps its own, for the pieces of this file.
         thread_local std::unique_ptr<Converter> converter;
-        if (!converter)
+        thread_local std::unique_ptr<PieceScan> pieces;
+        if (!converter) {
             converter = std::make_unique<Converter>(options.format);
-        LogScan part(options.selection, options.flags.strict);
-        part.setConvert(scan.converts());
-        openPiece(part, piece, name, output);
+            pieces = std::make_unique<PieceScan>(options.selection, options.flags.strict, scan.converts());
+        }
+        LogScan &part = pieces->open(piece, name, output);
         while (part.next())
             converter->convert(part, output.text);
-        output.stopped = part.strict() && part.rejects().count() > 0;
+        output.stopped = pieces->stopped();
     };
     const std::function<bool(PieceOutput &)> take = [&](PieceOutput &output) {
         std::size_t written = 0;
@@ -225,7 +227,7 @@ void decodePieces(LogScan &scan, const DecodeOptions &options, int jobs, Writer 
         return !out.failed() && !output.stopped;
     };
     runPieces(reader, jobs, convert, take,
-              [&] { progress.show(scan.input().bytesConsumed(), reader.lines()); });
+              [&] { view.show(scan.input().position(), reader.lines()); });
 }
 
 int runDecode(const CLI::App &command, DecodeOptions &options)
@@ -266,7 +268,7 @@ int runDecode(const CLI::App &command, DecodeOptions &options)
     while (!out.failed() && view.nextInput()) {
         const int jobs = options.flags.verbose ? 1 : jobsFor(scan.input(), options.flags.follow, options.jobs);
         if (jobs > 1) {
-            decodePieces(scan, options, jobs, out, view.progress());
+            decodePieces(scan, options, jobs, out, view);
             if (options.flags.strict && scan.rejects().count() > 0)
                 break;
             continue;

@@ -31,7 +31,7 @@ enum class Input { Detect, Json, Binary, Text };
 
 struct EncodeOptions
 {
-    std::string input = "-";
+    std::vector<std::string> inputs;
     std::string formatName;
     Input format = Input::Detect;
     RunFlags flags;
@@ -323,54 +323,41 @@ void writeEntry(const BusLogEntry &entry, Writer &out)
     out.commit();
 }
 
-int runEncode(const CLI::App &command, EncodeOptions &options)
+// What one input and the run share: where messages go, where refusals go.
+struct EncodeRun
 {
-    setVerbose(options.flags.verbose);
-    LineReader input;
-    std::string error;
-    if (!options.formatName.empty() &&
-        !choose<Input>("--format", options.formatName, {{"json", Input::Json}, {"binary", Input::Binary},
-                                                        {"text", Input::Text}},
-                       options.format, error))
-        return misuse(command, error);
-    if (!openInput(input, options.input, options.flags.follow, error))
-        return misuse(command, error);
-    Writer out;
-    Progress progress(!options.flags.noProgress, input.totalBytes());
-    Rejects rejects;
-    watchInput(input, rejects, &out, progress);
-    const bool strict = options.flags.strict;
-    input.onRefuse([&rejects, strict](long long line, const char *cause, std::string reason) {
-        rejects.report(line, cause, std::move(reason));
-        return !strict;
-    });
-    std::unique_ptr<Message> envelope(
-        google::protobuf::MessageFactory::generated_factory()->GetPrototype(&envelopeType())->New());
+    Writer &out;
+    Rejects &rejects;
+    ScanView &view;
+    bool strict;
+    Message &envelope;
     BusLogEntry entry;
+};
 
-    const Input from = options.format == Input::Detect ? detect(input.peek()) : options.format;
-    if (from == Input::Binary) {
-        ReaderStream stream(input);
-        std::string bytes;
-        while (!out.failed() && !input.peek().empty()) {
-            const long long offset = input.bytesConsumed();
-            std::uint64_t size = 0;
-            int prefix = 0;   // bytes of the size prefix read
-            bool whole = true, ended = false;
-            {   // a coded stream for each message: it gives back what it read ahead when it goes
-                google::protobuf::io::CodedInputStream coded(&stream);
-                std::uint8_t byte = 0x80;
-                for (; prefix < 10 && byte >= 0x80; ++prefix) {
-                    if (!coded.ReadRaw(&byte, 1)) {
-                        ended = true;
-                        break;
-                    }
-                    size |= std::uint64_t(byte & 0x7F) << (7 * prefix);
+// A length-delimited stream of schema messages.
+void encodeBinary(LineReader &input, EncodeRun &run)
+{
+    ReaderStream stream(input);
+    std::string bytes;
+    while (!run.out.failed() && !input.peek().empty()) {
+        const long long offset = input.bytesConsumed();
+        std::uint64_t size = 0;
+        int prefix = 0;   // bytes of the size prefix read
+        bool whole = true, ended = false;
+        {   // a coded stream for each message: it gives back what it read ahead when it goes
+            google::protobuf::io::CodedInputStream coded(&stream);
+            std::uint8_t byte = 0x80;
+            for (; prefix < 10 && byte >= 0x80; ++prefix) {
+                if (!coded.ReadRaw(&byte, 1)) {
+                    ended = true;
+                    break;
                 }
-                whole = !ended && byte < 0x80 && size <= maxRecordBytes && coded.ReadString(&bytes, int(size));
+                size |= std::uint64_t(byte & 0x7F) << (7 * prefix);
             }
-            if (!whole) {   // without its size, the stream cannot be followed past this point
-                rejects.reportOffset(offset, "bad record",
+            whole = !ended && byte < 0x80 && size <= maxRecordBytes && coded.ReadString(&bytes, int(size));
+        }
+        if (!whole) {   // without its size, the stream cannot be followed past this point
+            run.rejects.reportOffset(offset, "bad record",
                                      ended ? "the stream ends inside the size prefix of a message"
                                      : prefix == 10 && size > maxRecordBytes
                                          ? "the size prefix is not a varint (10 bytes, each with its high bit set); "
@@ -380,50 +367,52 @@ int runEncode(const CLI::App &command, EncodeOptions &options)
                                                " bytes, more than any message (" + std::to_string(maxRecordBytes) +
                                                "); nothing after it can be read"
                                          : "the stream ends inside a message of " + std::to_string(size) + " bytes");
-                break;
-            }
-            progress.tick(input.bytesConsumed(), 0);
-            const LineResult result = entryFromBytes(bytes, *envelope, entry);
-            if (result.isMessage()) {
-                writeEntry(entry, out);
-            } else {
-                rejects.reportOffset(offset, result.cause, result.reason);
-                if (strict)
-                    break;
-            }
+            return;
         }
-        return finishRun(command, input, rejects, progress, out, strict);
+        run.view.tick(input.position(), 0);
+        const LineResult result = entryFromBytes(bytes, run.envelope, run.entry);
+        if (result.isMessage()) {
+            writeEntry(run.entry, run.out);
+        } else {
+            run.rejects.reportOffset(offset, result.cause, result.reason);
+            if (run.strict)
+                return;
+        }
     }
+}
 
+// JSON values or protobuf text blocks, line by line.
+void encodeLines(LineReader &input, Input from, EncodeRun &run)
+{
     std::string_view line;
     std::string block;   // a text block
     long long blockLine = 0;
     bool blockHeader = false, skipping = false;
     auto report = [&](long long lineNumber, const LineResult &result) {
         if (result.kind == LineResult::Message)
-            writeEntry(entry, out);
+            writeEntry(run.entry, run.out);
         else if (result.kind == LineResult::Error)
-            rejects.report(lineNumber, result.cause, result.reason);
-        return result.kind != LineResult::Error || !strict;
+            run.rejects.report(lineNumber, result.cause, result.reason);
+        return result.kind != LineResult::Error || !run.strict;
     };
     auto endBlock = [&]() {
         blockHeader = skipping = false;
         if (block.empty())
             return true;
-        const LineResult result = entryFromText(block, *envelope, entry);
+        const LineResult result = entryFromText(block, run.envelope, run.entry);
         block.clear();
         return report(blockLine, result);
     };
     JsonValues values;
     auto onValue = [&](std::string_view text, long long lineNumber, const char *broken) {
         if (broken == nullptr)
-            return report(lineNumber, parseJsonLine(text, entry));
-        rejects.report(lineNumber, "bad JSON line", broken);
-        return !strict;
+            return report(lineNumber, parseJsonLine(text, run.entry));
+        run.rejects.report(lineNumber, "bad JSON line", broken);
+        return !run.strict;
     };
     bool going = true;
-    while (going && !out.failed() && input.next(line)) {
-        progress.tick(input.bytesConsumed(), input.lineNumber());
+    while (going && !run.out.failed() && input.next(line)) {
+        run.view.tick(input.position(), input.lineNumber());
         if (from == Input::Text) {
             // A block ends at a blank line, or where a second header starts at the left edge.
             const bool header = line.substr(0, 6) == "header" && (line.size() == 6 || !std::isalnum(quint8(line[6])));
@@ -436,27 +425,60 @@ int runEncode(const CLI::App &command, EncodeOptions &options)
             blockHeader = blockHeader || header;
             block.append(line).push_back('\n');
             if (block.size() > JsonValues::maxValueBytes) {
-                rejects.report(blockLine, "bad record", "the block is longer than " +
-                                                            std::to_string(JsonValues::maxValueBytes) +
-                                                            " bytes, more than any message; skipped to the next");
+                run.rejects.report(blockLine, "bad record", "the block is longer than " +
+                                                                std::to_string(JsonValues::maxValueBytes) +
+                                                                " bytes, more than any message; skipped to the next");
                 block.clear();
                 skipping = true;
-                going = !strict;
+                going = !run.strict;
             }
             continue;
         }
         // One value a line is the common case: try it whole first.
-        if (values.between() && readJsonLineFast(line, entry)) {
-            writeEntry(entry, out);
+        if (values.between() && readJsonLineFast(line, run.entry)) {
+            writeEntry(run.entry, run.out);
             continue;
         }
         going = values.feed(line, input.lineNumber(), onValue);
     }
+    // A value or block the input ends inside is its own; the next input starts afresh.
     if (going && from == Input::Json)
         values.finish(onValue);
     else if (going)
         endBlock();
-    return finishRun(command, input, rejects, progress, out, strict);
+}
+
+int runEncode(const CLI::App &command, EncodeOptions &options)
+{
+    setVerbose(options.flags.verbose);
+    std::string error;
+    if (!options.formatName.empty() &&
+        !choose<Input>("--format", options.formatName, {{"json", Input::Json}, {"binary", Input::Binary},
+                                                        {"text", Input::Text}},
+                       options.format, error))
+        return misuse(command, error);
+    if (!checkInputs(options.inputs, options.flags.follow, error))
+        return misuse(command, error);
+    // The scan only holds the input being read and what was rejected: each
+    // input is read here, in its own format.
+    const Selection everything;
+    LogScan scan(everything, options.flags.strict);
+    Writer out;
+    ScanView view(command, scan, options.flags, options.inputs, &out);
+    std::unique_ptr<Message> envelope(
+        google::protobuf::MessageFactory::generated_factory()->GetPrototype(&envelopeType())->New());
+    EncodeRun run{out, scan.rejects(), view, options.flags.strict, *envelope, {}};
+    while (!out.failed() && view.nextInput()) {
+        LineReader &input = scan.input();
+        const Input from = options.format == Input::Detect ? detect(input.peek()) : options.format;
+        if (from == Input::Binary)
+            encodeBinary(input, run);
+        else
+            encodeLines(input, from, run);
+        if (run.strict && run.rejects.count() > 0)
+            break;
+    }
+    return view.finish(out);
 }
 
 } // namespace
@@ -466,7 +488,8 @@ Command addEncodeCommand(CLI::App &parent)
     auto options = std::make_shared<EncodeOptions>();
     CLI::App *command = parent.add_subcommand("encode", "convert what decode writes (json, binary or text) back "
                                                         "into a bus log");
-    command->add_option("FILE", options->input, "the input; standard input when '-' or missing")
+    command->add_option("FILE", options->inputs, "the inputs, read in turn, each in its own format, plain or "
+                                                 "compressed (gzip, xz, zstd); standard input when '-' or missing")
         ->type_name("");
     command->add_option("--format", options->formatName, "the input: json, binary or text; recognised from the "
                                                          "first bytes when not given")

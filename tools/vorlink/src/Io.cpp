@@ -10,8 +10,13 @@ namespace vorlink {
 
 bool Writer::flush()
 {
-    const char *p = buffer_.data();
-    std::size_t left = buffer_.size();
+    writeAll(buffer_.data(), buffer_.size());
+    buffer_.clear();
+    return !failed_;
+}
+
+bool Writer::writeAll(const char *p, std::size_t left)
+{
     while (left > 0 && !failed_) {
         const ssize_t n = ::write(fd_, p, left);
         if (n < 0 && errno == EINTR)
@@ -24,7 +29,6 @@ bool Writer::flush()
         p += n;
         left -= std::size_t(n);
     }
-    buffer_.clear();
     return !failed_;
 }
 

@@ -21,6 +21,11 @@ public:
     ~Writer() { flush(); }
     void append(const char *data, std::size_t size)
     {
+        if (size >= capacity / 4) {   // a block made elsewhere goes out as it is, not through the buffer
+            if (flush())
+                writeAll(data, size);
+            return;
+        }
         buffer_.append(data, size);
         if (buffer_.size() >= capacity)
             flush();
@@ -44,6 +49,7 @@ public:
     int error() const { return error_; }   // errno of the failed write
 
 private:
+    bool writeAll(const char *data, std::size_t size);
     static constexpr std::size_t capacity = 1 << 20;
     int fd_;
     bool failed_ = false;

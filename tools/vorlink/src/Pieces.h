@@ -22,12 +22,18 @@
 namespace vorlink {
 
 class LogScan;
+class Selection;
 
 // Whole lines of the input (the input's last line may lack its newline).
+// A line too long for any reader to hold is held only as far as a reader
+// reads it before refusing it: the rest of it is `tail` bytes, counted and
+// not kept, that stand at `cut` (the end of `bytes`, or before its newline).
 struct Piece
 {
     std::string bytes;
     long long firstLine = 0;   // lines of the input ahead of it
+    std::size_t cut = 0;
+    unsigned long long tail = 0;
 };
 
 // What a worker made of a piece: its output, and each rejected line with the
@@ -41,9 +47,15 @@ struct PieceOutput
     };
     std::string text;
     std::vector<Reject> rejects;
-    long long messages = 0;
-    long long leftOut = 0;
     bool stopped = false;   // a strict scan stopped at its rejected line
+
+    // Empty again, its memory kept for the next piece.
+    void clear()
+    {
+        text.clear();
+        rejects.clear();
+        stopped = false;
+    }
 };
 
 // The number of jobs a run of `jobs` over `input`, just opened, gets: 1 unless
@@ -51,7 +63,9 @@ struct PieceOutput
 // its first bytes are read to tell), not followed, and large enough for the threads to gain.
 int jobsFor(LineReader &input, bool follow, int jobs);
 
-// Cuts the input into pieces of about `size` bytes that end at a line's end.
+// Cuts the input into pieces of about `size` bytes that end at a line's end,
+// each at most `size` bytes and one line longer, that line held to
+// LineReader::maxLineBytes and one byte more.
 class PieceReader
 {
 public:
@@ -72,13 +86,31 @@ private:
 // every job busy to the end, none so large that a stop waits for it.
 std::size_t pieceSize(long long totalBytes, int jobs);
 
-// Opens `scan` on the piece: numbered as in the input, its rejected lines
-// kept in `output` and not shown.
-void openPiece(LogScan &scan, const Piece &piece, const std::string &name, PieceOutput &output);
+// A worker's scan of its pieces, one after another: made once, so that its
+// buffers are too.
+class PieceScan
+{
+public:
+    PieceScan(const Selection &selection, bool strict, bool convert);
+    ~PieceScan();
+    // The scan, open on the piece: numbered as in the input, its rejected
+    // lines kept in `output` and not shown.
+    LogScan &open(const Piece &piece, const std::string &name, PieceOutput &output);
+    // What the scan made of the piece it was last opened on.
+    long long messages() const;
+    long long leftOut() const;
+    bool stopped() const;
+
+private:
+    std::unique_ptr<LogScan> scan_;
+    long long messages_ = 0, leftOut_ = 0, rejects_ = 0;   // the scan's counts before the piece
+};
 
 // Runs `convert` over every piece of `reader` on `jobs` threads, and `take`
 // on the calling thread over their results in input order, with `progress`
 // called after each piece is read. Stops early when `take` returns false.
+// A taken result is cleared (Result::clear) and its slot used again, so that
+// pieces and results are allocated once, not once a piece.
 template <class Result>
 void runPieces(PieceReader &reader, int jobs, const std::function<void(const Piece &, Result &)> &convert,
                const std::function<bool(Result &)> &take, const std::function<void()> &progress)
@@ -92,6 +124,7 @@ void runPieces(PieceReader &reader, int jobs, const std::function<void(const Pie
     std::mutex mutex;
     std::condition_variable workReady, resultReady;
     std::deque<std::unique_ptr<Slot>> window;   // in input order; the front is the next to take
+    std::vector<std::unique_ptr<Slot>> spare;   // taken, to be filled again
     std::size_t handedOut = 0;                  // slots of the window given to a worker
     bool over = false;
 
@@ -104,7 +137,6 @@ void runPieces(PieceReader &reader, int jobs, const std::function<void(const Pie
             Slot &slot = *window[handedOut++];
             lock.unlock();
             convert(slot.piece, slot.result);
-            slot.piece.bytes = std::string();
             lock.lock();
             slot.done = true;
             resultReady.notify_all();
@@ -117,7 +149,13 @@ void runPieces(PieceReader &reader, int jobs, const std::function<void(const Pie
     bool more = true;
     for (;;) {
         while (more && window.size() < std::size_t(2 * jobs)) {
-            auto slot = std::make_unique<Slot>();
+            std::unique_ptr<Slot> slot;
+            if (spare.empty()) {
+                slot = std::make_unique<Slot>();
+            } else {
+                slot = std::move(spare.back());
+                spare.pop_back();
+            }
             more = reader.next(slot->piece);
             if (!more)
                 break;
@@ -136,6 +174,9 @@ void runPieces(PieceReader &reader, int jobs, const std::function<void(const Pie
         lock.unlock();
         if (!take(slot->result))
             break;
+        slot->result.clear();
+        slot->done = false;
+        spare.push_back(std::move(slot));
     }
     {
         std::lock_guard<std::mutex> lock(mutex);

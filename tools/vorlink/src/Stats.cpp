@@ -189,22 +189,31 @@ struct StatsPiece
     PieceOutput output;
     Tallies tallies;
     FileTally file;
+
+    void clear()
+    {
+        output.clear();
+        tallies = Tallies();
+        file = FileTally();
+    }
 };
 
 // The pieces of a regular file counted on `jobs` threads and added in input order.
 void countPieces(LogScan &scan, const StatsOptions &options, int jobs, Tallies &seen, FileTally &file,
-                 Progress &progress)
+                 ScanView &view)
 {
     PieceReader reader(scan.input(), pieceSize(scan.input().totalBytes(), jobs));
     const std::string &name = scan.input().name();
     const std::function<void(const Piece &, StatsPiece &)> countPiece = [&](const Piece &piece, StatsPiece &result) {
-        LogScan part(options.selection, options.flags.strict);
-        openPiece(part, piece, name, result.output);
+        thread_local std::unique_ptr<PieceScan> pieces;   // each worker's own, for the pieces of this file
+        if (!pieces)
+            pieces = std::make_unique<PieceScan>(options.selection, options.flags.strict, true);
+        LogScan &part = pieces->open(piece, name, result.output);
         while (part.next())
             count(part, result.tallies, result.file);
-        result.tallies.messages = part.messages();
-        result.tallies.leftOut = part.leftOut();
-        result.output.stopped = part.strict() && part.rejects().count() > 0;
+        result.tallies.messages = pieces->messages();
+        result.tallies.leftOut = pieces->leftOut();
+        result.output.stopped = pieces->stopped();
     };
     const std::function<bool(StatsPiece &)> take = [&](StatsPiece &result) {
         for (const PieceOutput::Reject &reject : result.output.rejects)
@@ -221,7 +230,7 @@ void countPieces(LogScan &scan, const StatsOptions &options, int jobs, Tallies &
         }
         return !result.output.stopped;
     };
-    runPieces(reader, jobs, countPiece, take, [&] { progress.show(scan.input().bytesConsumed(), reader.lines()); });
+    runPieces(reader, jobs, countPiece, take, [&] { view.show(scan.input().position(), reader.lines()); });
 }
 
 int runStats(const CLI::App &command, StatsOptions &options)
@@ -268,7 +277,7 @@ int runStats(const CLI::App &command, StatsOptions &options)
     while (view.nextInput()) {
         const int jobs = options.flags.verbose ? 1 : jobsFor(scan.input(), options.flags.follow, options.jobs);
         if (jobs > 1) {
-            countPieces(scan, options, jobs, seen, file, view.progress());
+            countPieces(scan, options, jobs, seen, file, view);
             if (options.flags.strict && scan.rejects().count() > 0)
                 break;
             continue;

@@ -486,6 +486,11 @@ class Jobs(unittest.TestCase):
             self.same("decode", *args)
         for args in ([], ["--format", "json"], ["--message", "Td"]):
             self.assertIn(b"rejected", self.same("stats", *args).stdout)
+        # Every piece after the first starts with gzip's magic, and is still a piece of a plain file.
+        magic = os.path.join(self.dir.name, "magic.log")
+        with open(magic, "wb") as f:
+            f.write(b"1700000000.5 3 0x0300 07000000\n" + b"\x1f\x8b 1 0x0100 00\n" * 20000)
+        self.assertIn(b"20000 lines rejected", self.same("stats", log=magic).stdout)
 
     def test_strict_stops_where_one_job_stops(self):
         for args in (["decode"], ["decode", "--format", "text"], ["stats", "--format", "json"]):
