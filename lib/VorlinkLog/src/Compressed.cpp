@@ -243,7 +243,15 @@ void Decompressor::start(int fd)
             }
         };
         for (;;) {
-            std::vector<char> block(std::size_t(1) << 20);
+            std::vector<char> block;
+            {
+                std::lock_guard<std::mutex> lock(mutex_);
+                if (!spare_.empty()) {
+                    block = std::move(spare_.back());
+                    spare_.pop_back();
+                }
+            }
+            block.resize(std::size_t(1) << 20);
             const long n = produce(block.data(), block.size(), readFd);
             std::unique_lock<std::mutex> lock(mutex_);
             if (n <= 0) {
@@ -274,6 +282,8 @@ long Decompressor::take(char *data, std::size_t size, const volatile std::sig_at
         }
         if (ready_.empty())
             return error_.empty() && readError_ == 0 ? 0 : -1;
+        if (spare_.size() < 2)
+            spare_.push_back(std::move(current_));
         current_ = std::move(ready_.front());
         ready_.pop_front();
         currentAt_ = 0;

@@ -97,6 +97,7 @@ private:
     std::mutex mutex_;
     std::condition_variable changed_;
     std::deque<std::vector<char>> ready_;
+    std::vector<std::vector<char>> spare_;   // blocks read out, to be filled again
     bool done_ = false, quit_ = false;
     int readError_ = 0;
     std::vector<char> current_;
