@@ -15,11 +15,11 @@ def log(n, t=1700000000.0):
     return "".join(ALARM.format(t=t + i * 0.001, s=i % 65536, a=i % 256) for i in range(n)).encode()
 
 
-def run(*args, stdin=None, limit=None):
+def run(*args, stdin=None, limit=None, timeout=60):
     def cap():
         if limit and not SANITIZED:
             resource.setrlimit(resource.RLIMIT_AS, (limit, limit))
-    return subprocess.run([TOOL, *args], input=stdin, capture_output=True, env=ENV, timeout=60, preexec_fn=cap)
+    return subprocess.run([TOOL, *args], input=stdin, capture_output=True, env=ENV, timeout=timeout, preexec_fn=cap)
 
 
 def compress(data, fmt):
@@ -118,15 +118,18 @@ class Fleet(unittest.TestCase):
                            (["decode", "--follow", a, b], "--follow reads one FILE")):
             r = run(*args)
             self.assertEqual((r.returncode, r.stdout, r.stderr.decode().splitlines()[0]), (2, b"", f"vorlink decode: {said}"))
-        r = run("decode", "--strict", a, b)
+        fifo = os.path.join(self.dir, "fifo")   # opened, it would wait for a writer that never comes
+        os.mkfifo(fifo)
+        r = run("decode", "--strict", a, fifo, timeout=10)
         self.assertEqual((r.returncode, len(r.stdout.splitlines())), (1, 3))
 
     def test_a_line_too_long_to_hold_is_refused_and_the_lines_behind_it_kept(self):
         bound = 1 << 20
         for size in (bound, bound + 1, 40 << 20):
-            data = log(2) + b"7" * size + b"\n" + log(1)
+            data = log(2) + b"7" * size + b"\n" + log(1) + BAD.encode()
             r = run("decode", stdin=data, limit=400 << 20)
             self.assertEqual(len(r.stdout.splitlines()), 3, size)
+            self.assertIn("\n<stdin>:5: payload of 2 bytes", r.stderr.decode())   # the long line counted as one
             if size > bound:
                 self.assertEqual(r.stderr.decode().splitlines()[0],
                                  f"<stdin>:3: line of {size} bytes is longer than the {bound} a line "
