@@ -82,7 +82,8 @@ class Resync(unittest.TestCase):
         code, out, err = self.encoded(stream)
         self.assertEqual((len(out), err[0]), (1, f"<stdin>: byte {len(binary[0])}: the size prefix is not a varint "
                                                  "(10 bytes, each with its high bit set); nothing after it can be read"))
-        code, out, err = self.encoded(binary[0] + varint(1 << 20) + binary[2] * 100)
+        # A size past any message is refused, not read, though the stream holds that many bytes and more.
+        code, out, err = self.encoded(binary[0] + varint(1 << 20) + binary[2] * ((2 << 20) // len(binary[2])))
         self.assertEqual((len(out), err[0].split(": ", 2)[2]), (1, "the size prefix says 1048576 bytes, more than any "
                                                                   "message (65536); nothing after it can be read"))
 
@@ -173,8 +174,9 @@ class Ranges(unittest.TestCase):
 class Detection(unittest.TestCase):
     def test_what_is_seen_is_said(self):
         alarm = "1700000000.123 7 0x0100 02000000010000003c00000005{}\n"
+        # Odd and even counts of digits.
         for tail, said in (("\0", "a NUL byte at digit 27"), ("00\x0c", "a form feed (0x0C) at digit 29"),
-                           ("0\r0", "a carriage return (0x0D) at digit 28"), ("\x01", "a control byte 0x01 at digit 27")):
+                           ("0\r0", "a carriage return (0x0D) at digit 28"), ("\x010", "a control byte 0x01 at digit 27")):
             r = run("decode", stdin=alarm.format(tail).encode())
             self.assertEqual(r.stderr.decode().splitlines()[0], "<stdin>:1: payload has " + said, repr(tail))
         bom = b"\xef\xbb\xbf" + json.dumps({"header": HEADER, "paramID": 5}).encode() + b"\n"
